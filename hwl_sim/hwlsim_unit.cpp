@@ -1,0 +1,1 @@
+// Anchor translation unit of the vqx_hwlsim archive.

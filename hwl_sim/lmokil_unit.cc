@@ -1,0 +1,1 @@
+// Anchor translation unit of libLmoKil.so; the contents come from the vqx_hwlsim archive.
