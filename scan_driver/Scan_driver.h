@@ -16,7 +16,7 @@
 
 class Exposure_controller_base;
 class Sensor;
-class Stream_driver;
+class IStream_driver;
 class Buffer_locker;
 class State_manager;
 class Available_buffer;
@@ -27,7 +27,7 @@ struct Scan_driver {
     Sensor* sensor = nullptr;
     Sensor_trait* trait = nullptr;
     Sensor_trait::Capabilities capabilities{};
-    Stream_driver* stream_driver = nullptr;
+    IStream_driver* stream_driver = nullptr;  // the Stream_driver
     Buffer_locker* buffer_locker = nullptr;
     State_manager* state_manager = nullptr;
     Available_buffer* available_buffer = nullptr;

@@ -1,0 +1,129 @@
+// Synchronization.h - threads, time and synchronization primitives.
+//
+// The thin operating-system layer under the driver's runtime (monitors,
+// timer thread, stream driver, hardware layer):
+//
+//  - MT_Sync_object_struct: a waitable object with a millisecond time-out.
+//    Its state lives in the derived object; the POSIX mutex only guards that
+//    state for the few instructions of one operation and the condition
+//    variable is what waiters sleep on.
+//  - MT_Mutex_struct: a recursive, owner-tracking lock built on that object.
+//    "Locked" means taken > 0. A release by a thread that does not own it is
+//    reported as an assertion and changes nothing.
+//  - MT_Event_struct: an auto-reset (wakes one waiter, the taker resets it)
+//    or manual-reset (wakes all, stays set until reset_event) event.
+//  - MT_CreateThread, MT_Delay, MT_GetTickCount and the deadline helpers.
+//
+// Time-outs are unsigned 32-bit milliseconds: 0 polls, MT_INFINITE waits for
+// ever. Deadlines are measured on CLOCK_REALTIME, so a change of the system
+// clock shortens or lengthens pending waits. Tick counts are wall-clock
+// milliseconds modulo 2^32 and must be compared by unsigned subtraction.
+//
+// Threading: every operation may be called from any thread. An object must
+// not be destroyed while a thread waits on it; its owner guarantees that.
+// Failures are reported through the diagnostics (dbg_output and
+// sd_assert_function) and never raised.
+#ifndef VQX_LIB_OS_SYNCHRONIZATION_H
+#define VQX_LIB_OS_SYNCHRONIZATION_H
+
+#include <pthread.h>
+#include <time.h>
+
+#include <cstdint>
+
+namespace Synchroniztion_internal {
+
+/// Time-out value meaning "wait for ever".
+constexpr unsigned MT_INFINITE = 0xFFFFFFFF;
+
+/// Abstract waitable object: a guarded state plus a condition variable.
+class MT_Sync_object_struct {
+public:
+    MT_Sync_object_struct();
+    virtual ~MT_Sync_object_struct();
+
+    MT_Sync_object_struct(const MT_Sync_object_struct&) = delete;
+    MT_Sync_object_struct& operator=(const MT_Sync_object_struct&) = delete;
+
+    /// Takes the object for the calling thread, waiting at most @p ms
+    /// milliseconds (0: poll, MT_INFINITE: for ever). True when taken.
+    virtual bool wait(unsigned int ms);
+
+protected:
+    /// Can a waiter take the object now? Called with the guard held.
+    virtual bool v_signaled() = 0;
+    /// Takes the object for the calling thread. Called with the guard held.
+    virtual void v_take_object() = 0;
+
+    /// Locks the guard; a failure is reported and otherwise ignored.
+    void lock_guard();
+    void unlock_guard();
+
+    pthread_mutex_t mutex;  ///< guards the derived object's state
+    pthread_cond_t cond;    ///< waiters sleep here
+
+private:
+    bool wait_poll();
+    bool wait_infinite();
+    bool wait_until(unsigned int ms);
+};
+
+/// Recursive mutex that tracks its owning thread.
+class MT_Mutex_struct : public MT_Sync_object_struct {
+public:
+    explicit MT_Mutex_struct(bool initially_owned);
+
+    /// Gives up one level of ownership. A non-owner's call is reported
+    /// ("_owns()") and changes nothing.
+    void release();
+    /// True when the calling thread owns the mutex (evaluated under the guard).
+    bool owns() const;
+
+protected:
+    /// Ownership test without locking; the guard must be held.
+    bool _owns() const;
+    bool v_signaled() override;
+    void v_take_object() override;
+
+    uint32_t taken = 0;  ///< recursion depth, 0 when free
+    pthread_t owner{};   ///< owning thread while taken > 0 (kept after release)
+};
+
+/// Event with auto-reset or manual-reset semantics.
+class MT_Event_struct : public MT_Sync_object_struct {
+public:
+    MT_Event_struct(bool signaled, bool auto_reset);
+
+    /// Sets the event; wakes one waiter (auto-reset) or all (manual reset).
+    void set_event();
+    /// Clears the event.
+    void reset_event();
+
+protected:
+    bool v_signaled() override;
+    void v_take_object() override;
+
+    bool signaled;
+    bool auto_reset;
+};
+
+/// Starts a joinable thread running fn(arg); its handle (a pthread_t) is
+/// written through @p thread. False when the thread could not be created.
+bool MT_CreateThread(long* thread, unsigned int (*fn)(void*), void* arg);
+
+/// Sleeps for @p ms milliseconds (whole seconds with sleep, the rest with
+/// usleep).
+void MT_Delay(unsigned int ms);
+
+/// Wall-clock milliseconds modulo 2^32.
+unsigned int MT_GetTickCount();
+
+/// The real-time clock now plus @p ms milliseconds.
+timespec msec_to_absolute_timespec(unsigned int ms);
+
+/// Adds @p b to @p a with one nanosecond carry step (inputs normalised).
+timespec& operator+=(timespec& a, const timespec& b);
+
+} // namespace Synchroniztion_internal
+
+#endif // VQX_LIB_OS_SYNCHRONIZATION_H
