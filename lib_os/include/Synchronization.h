@@ -56,11 +56,11 @@ protected:
     virtual void v_take_object() = 0;
 
     /// Locks the guard; a failure is reported and otherwise ignored.
-    void lock_guard();
-    void unlock_guard();
+    void lock_guard() const;
+    void unlock_guard() const;
 
-    pthread_mutex_t mutex;  ///< guards the derived object's state
-    pthread_cond_t cond;    ///< waiters sleep here
+    mutable pthread_mutex_t mutex;  ///< guards the derived object's state
+    pthread_cond_t cond;            ///< waiters sleep here
 
 private:
     bool wait_poll();
@@ -108,7 +108,8 @@ protected:
 };
 
 /// Starts a joinable thread running fn(arg); its handle (a pthread_t) is
-/// written through @p thread. False when the thread could not be created.
+/// written through @p thread. False when the thread could not be created;
+/// a null @p thread creates nothing and gives false.
 bool MT_CreateThread(long* thread, unsigned int (*fn)(void*), void* arg);
 
 /// Sleeps for @p ms milliseconds (whole seconds with sleep, the rest with

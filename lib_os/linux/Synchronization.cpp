@@ -1,0 +1,287 @@
+// Synchronization.cpp - POSIX implementation of the synchronization layer.
+//
+// See Synchronization.h. The system mutex of each object is held only for
+// the duration of one operation; waiting happens on the condition variable.
+#include "Synchronization.h"
+
+#include "Diagnostics.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <new>
+#include <type_traits>
+
+namespace Synchroniztion_internal {
+
+namespace {
+
+const char* const source_file = "jni/../../lib_os/linux/Synchronization";
+
+constexpr long nsec_per_sec = 1000000000L;
+
+// Start record of a new thread; owned by the new thread once it runs.
+struct Thread_start {
+    unsigned int (*fn)(void*);
+    void* arg;
+};
+
+void* thread_trampoline(void* p)
+{
+    auto* record = static_cast<Thread_start*>(p);
+    unsigned int (*fn)(void*) = record->fn;
+    void* arg = record->arg;
+    delete record;
+    (void)fn(arg);
+    return nullptr;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// MT_Sync_object_struct
+// ---------------------------------------------------------------------------
+
+MT_Sync_object_struct::MT_Sync_object_struct()
+{
+    std::memset(&mutex, 0, sizeof(mutex));
+    std::memset(&cond, 0, sizeof(cond));
+    pthread_mutex_init(&mutex, nullptr);
+    pthread_cond_init(&cond, nullptr);
+}
+
+MT_Sync_object_struct::~MT_Sync_object_struct()
+{
+    pthread_cond_destroy(&cond);
+    pthread_mutex_destroy(&mutex);
+}
+
+void MT_Sync_object_struct::lock_guard() const
+{
+    if (pthread_mutex_lock(&mutex) != 0)
+        dbg_output("Error waiting on mutex at %s : %u", source_file, 43u);
+}
+
+void MT_Sync_object_struct::unlock_guard() const
+{
+    pthread_mutex_unlock(&mutex);
+}
+
+bool MT_Sync_object_struct::wait(unsigned int ms)
+{
+    lock_guard();
+    if (ms == 0)
+        return wait_poll();
+    if (ms == MT_INFINITE)
+        return wait_infinite();
+    return wait_until(ms);
+}
+
+// The three wait forms are entered with the guard held and leave it unlocked.
+
+bool MT_Sync_object_struct::wait_poll()
+{
+    const bool signaled = v_signaled();
+    if (signaled)
+        v_take_object();
+    unlock_guard();
+    return signaled;
+}
+
+bool MT_Sync_object_struct::wait_infinite()
+{
+    for (;;) {
+        if (v_signaled()) {
+            v_take_object();
+            unlock_guard();
+            return true;
+        }
+        const int status = pthread_cond_wait(&cond, &mutex);
+        if (status != 0) {
+            SD_ASSERT(status == 0, "status == 0", source_file, 94);
+            if (v_signaled()) {
+                unlock_guard();
+                return false;
+            }
+        }
+    }
+}
+
+bool MT_Sync_object_struct::wait_until(unsigned int ms)
+{
+    const timespec deadline = msec_to_absolute_timespec(ms);
+    int status = 0;
+    while (!v_signaled()) {
+        status = pthread_cond_timedwait(&cond, &mutex, &deadline);
+        if (status == ETIMEDOUT) {
+            unlock_guard();
+            return false;
+        }
+        SD_ASSERT(status == 0 || status == ETIMEDOUT,
+                  "status == 0 || status == ETIMEDOUT", source_file, 105);
+    }
+    const bool taken = status == 0;
+    if (taken)
+        v_take_object();
+    unlock_guard();
+    return taken;
+}
+
+// ---------------------------------------------------------------------------
+// MT_Mutex_struct
+// ---------------------------------------------------------------------------
+
+MT_Mutex_struct::MT_Mutex_struct(bool initially_owned)
+{
+    if (!initially_owned)
+        return;
+    lock_guard();
+    taken = 1;
+    owner = pthread_self();
+    unlock_guard();
+}
+
+void MT_Mutex_struct::release()
+{
+    lock_guard();
+    if (!_owns()) {
+        sd_assert_function("_owns()", source_file, 175);
+        unlock_guard();
+        return;
+    }
+    if (--taken == 0)
+        pthread_cond_signal(&cond);
+    unlock_guard();
+}
+
+bool MT_Mutex_struct::owns() const
+{
+    lock_guard();
+    const bool result = _owns();
+    unlock_guard();
+    return result;
+}
+
+bool MT_Mutex_struct::_owns() const
+{
+    return taken != 0 && pthread_equal(pthread_self(), owner);
+}
+
+bool MT_Mutex_struct::v_signaled()
+{
+    return taken == 0 || _owns();
+}
+
+void MT_Mutex_struct::v_take_object()
+{
+    if (taken != 0)
+        SD_ASSERT(_owns(), "taken == 0 || _owns()", source_file, 195);
+    ++taken;
+    owner = pthread_self();
+}
+
+// ---------------------------------------------------------------------------
+// MT_Event_struct
+// ---------------------------------------------------------------------------
+
+MT_Event_struct::MT_Event_struct(bool signaled_, bool auto_reset_)
+    : signaled(signaled_), auto_reset(auto_reset_)
+{
+}
+
+void MT_Event_struct::set_event()
+{
+    lock_guard();
+    signaled = true;
+    if (auto_reset)
+        pthread_cond_signal(&cond);
+    else
+        pthread_cond_broadcast(&cond);
+    unlock_guard();
+}
+
+void MT_Event_struct::reset_event()
+{
+    lock_guard();
+    signaled = false;
+    unlock_guard();
+}
+
+bool MT_Event_struct::v_signaled()
+{
+    return signaled;
+}
+
+void MT_Event_struct::v_take_object()
+{
+    if (auto_reset)
+        signaled = false;
+}
+
+// ---------------------------------------------------------------------------
+// Threads and time
+// ---------------------------------------------------------------------------
+
+// The handle is a long; pthread_t is the same-sized integer (unsigned long on
+// glibc, long on bionic), so pthread_create may write it in place and the new
+// thread's handle is stored before the thread starts.
+static_assert(std::is_integral<pthread_t>::value && sizeof(pthread_t) == sizeof(long),
+              "thread handles are stored in a long");
+
+bool MT_CreateThread(long* thread, unsigned int (*fn)(void*), void* arg)
+{
+    if (thread == nullptr)
+        return false;
+    auto* record = new (std::nothrow) Thread_start{fn, arg};
+    if (record == nullptr)
+        return false;
+    if (pthread_create(reinterpret_cast<pthread_t*>(thread), nullptr,
+                       thread_trampoline, record) != 0) {
+        delete record;
+        return false;
+    }
+    return true;
+}
+
+void MT_Delay(unsigned int ms)
+{
+    if (ms > 1000) {
+        unsigned int seconds = ms / 1000;
+        while ((seconds = sleep(seconds)) != 0) {
+        }
+        ms %= 1000;
+    }
+    usleep(static_cast<useconds_t>(ms) * 1000);
+}
+
+unsigned int MT_GetTickCount()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<unsigned int>(now.tv_nsec / 1000000 + now.tv_sec * 1000);
+}
+
+timespec msec_to_absolute_timespec(unsigned int ms)
+{
+    timespec deadline{};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    timespec delta{};
+    delta.tv_sec = ms / 1000;
+    delta.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+    deadline += delta;
+    return deadline;
+}
+
+timespec& operator+=(timespec& a, const timespec& b)
+{
+    a.tv_sec += b.tv_sec;
+    a.tv_nsec += b.tv_nsec;
+    if (a.tv_nsec > nsec_per_sec - 1) {
+        a.tv_sec += 1;
+        a.tv_nsec -= nsec_per_sec;
+    }
+    return a;
+}
+
+} // namespace Synchroniztion_internal
