@@ -1,0 +1,144 @@
+// Microsecond-to-row rules, the cached converter, the contrast step and the
+// history queue.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "Contrast_step.h"
+#include "Exposure_controller.h"
+#include "Exposure_rules.h"
+#include "history_queue.h"
+#include "assert_capture.h"
+
+namespace {
+
+struct Counting_trait {
+    mutable unsigned conversions = 0;
+    static uint32_t exposure_rows(const Counting_trait& t, uint32_t us)
+    {
+        ++t.conversions;
+        return rows_x5501(us);
+    }
+};
+
+} // namespace
+
+TEST(ExposureRules, RoundingAndLimits)
+{
+    EXPECT_EQ(rows_x5501(0), 1u);
+    EXPECT_EQ(rows_x5501(30480), 1695u);
+    EXPECT_EQ(rows_x5501(44739215), 2488392u); // the product still fits 32 bits
+    EXPECT_EQ(rows_x5501(44739216), 0xFFFFFFFFu);
+
+    EXPECT_EQ(rows_kelp(37), 2u);
+    EXPECT_EQ(rows_kelp(89478448), 41501u); // kept to 16 bits
+    EXPECT_EQ(rows_kelp(89478449), 65535u);
+
+    EXPECT_EQ(rows_rilo(0), 1u);
+    EXPECT_EQ(rows_rilo(1), 2u);
+    EXPECT_EQ(rows_rilo(0xAAAAAA), 0xFFFFFFu);
+    EXPECT_EQ(rows_rilo(0xAAAAAB), 0xFFFFFFu);
+
+    EXPECT_EQ(rows_mt9v022(35), 1u);
+    EXPECT_EQ(rows_mt9v022(53), 2u);
+    EXPECT_EQ(rows_mt9v022(60000), 1702u);
+
+    EXPECT_EQ(rows_aptina(1000, 20000), 50u);
+    EXPECT_EQ(rows_aptina(1000, 30000), 33u);
+    EXPECT_EQ(rows_aptina(0, 0), 1u);
+    EXPECT_EQ(rows_aptina(1000, 0), 0xFFFFFFFFu);
+
+    EXPECT_EQ(rows_ar0144(1000, 20), 50u);
+    EXPECT_EQ(rows_ar0144(5000000, 1), 19264u); // 5000000 & 0xFFFF
+    EXPECT_EQ(rows_ar0144(65536, 1), 1u);
+    EXPECT_EQ(rows_ar0144(1000, 0), 1u);
+}
+
+TEST(ExposureConverter, FollowsSettingsAndCacheModes)
+{
+    auto c = std::make_unique<Exposure_controller<Counting_trait>>();
+    Counting_trait trait;
+    c->bind(&trait);
+    c->settings.start_exposure = 3000;
+    EXPECT_EQ(c->start_exposure.current_rows(), 167u);
+    EXPECT_EQ(c->fixed_exposure.current_rows(), 1695u);
+    EXPECT_EQ(c->max_exposure.current_rows(), rows_x5501(60000));
+    EXPECT_EQ(trait.conversions, 3u);
+
+    Exposure_converter<Counting_trait>& conv = c->start_exposure;
+    conv.mode = 2; // rows set directly
+    conv.rows = 0;
+    EXPECT_EQ(conv.current_rows(), 1u);
+    EXPECT_EQ(conv.rows, 1u);
+    conv.rows = 500;
+    EXPECT_EQ(conv.current_rows(), 500u);
+    EXPECT_EQ(conv.get_rows(), 500u);
+    EXPECT_EQ(trait.conversions, 3u);
+
+    conv.mode = 1; // once more, then computing again
+    EXPECT_EQ(conv.current_rows(), 167u);
+    EXPECT_EQ(conv.mode, 0u);
+    conv.mode = 2;
+    c->settings.start_exposure = 30480; // a new setting wins over mode 2
+    EXPECT_EQ(conv.current_rows(), 1695u);
+    EXPECT_EQ(conv.mode, 0u);
+    EXPECT_EQ(conv.exposure_us, 30480u);
+    EXPECT_EQ(conv.get_rows(), 1695u);
+
+    Assert_capture capture;
+    c->bind(nullptr);
+    EXPECT_EQ(conv.current_rows(), 1695u); // the cached value
+    EXPECT_EQ(capture.take(), std::vector<std::string>{Assert_capture::line("p_sensor", "jni/../../lib/include/Exposure_converter", 94)});
+}
+
+TEST(ContrastStep, UpwardStepLimitedToFourFold)
+{
+    Exposure_settings s;
+    s.target_value = 128;
+    EXPECT_EQ(shared_contrast_step(0, 1000, s), 4000u);
+    EXPECT_EQ(shared_contrast_step(32, 1000, s), 4000u);
+    EXPECT_EQ(shared_contrast_step(33, 1000, s), 3878u);
+    EXPECT_EQ(shared_contrast_step(255, 1000, s), 501u); // downward not limited
+    s.target_value = 3; // a quarter of the target is 0: white held at 1
+    EXPECT_EQ(shared_contrast_step(0, 100, s), 300u);
+    s.target_value = 0;
+    EXPECT_EQ(shared_contrast_step(0, 100, s), 1u);
+}
+
+TEST(HistoryQueue, AgesValuesAndReportsBadIndexes)
+{
+    history_queue<unsigned> q(3);
+    q.newest() = 1;
+    q.advance();
+    q.newest() = 2;
+    q.advance();
+    q.newest() = 3;
+    EXPECT_EQ(q.at(0), 3u);
+    EXPECT_EQ(q.at(1), 2u);
+    EXPECT_EQ(q.at(2), 1u);
+    q.advance();
+    EXPECT_EQ(q.at(2), 2u); // 1 dropped
+
+    q.newest() = 9;
+    for (int i = 0; i < 3; ++i)
+        q.advance();
+    EXPECT_EQ(q.at(0), 9u);
+    EXPECT_EQ(q.at(1), 9u);
+    EXPECT_EQ(q.at(2), 9u);
+
+    Assert_capture capture;
+    const char* file = "jni/../../lib/include/history_queue";
+    q.at(3) = 8;  // head 0: one subtraction brings 3 back to the newest slot
+    q.at(6) = 77; // 6 - 3 stays outside the ring
+    EXPECT_EQ(q.at(0) + q.at(1) + q.at(2), 26u);
+    q.at(-1); // with head 0 it also falls outside the ring
+    EXPECT_EQ(capture.take(), (std::vector<std::string>{Assert_capture::line("s_idx < size", file, 52),
+                                                        Assert_capture::line("idx >= 0", file, 50),
+                                                        Assert_capture::line("s_idx < size", file, 52)}));
+
+    history_queue<unsigned> empty(0);
+    empty.newest() = 5;
+    empty.advance();
+    EXPECT_EQ(capture.take(), std::vector<std::string>{Assert_capture::line("s_idx < size", file, 52)});
+}
