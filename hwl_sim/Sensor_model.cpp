@@ -1,0 +1,54 @@
+// Sensor_model.cpp: the register file transfers and the engine model table.
+#include "Sensor_model.h"
+
+namespace vqxsim {
+
+void Register_file::store(unsigned address, const uint16_t* values, uint64_t length)
+{
+    if (length == 1) {
+        set_byte(address, static_cast<uint8_t>(values[0]));
+        return;
+    }
+    for (uint64_t i = 0; i < length / 2; ++i)
+        set_word(address + static_cast<unsigned>(2 * i), values[i]);
+}
+
+void Register_file::load(unsigned address, uint16_t* values, uint64_t length) const
+{
+    if (length == 1) {
+        values[0] = byte(address);
+        return;
+    }
+    for (uint64_t i = 0; i < length / 2; ++i)
+        values[i] = word(address + static_cast<unsigned>(2 * i));
+}
+
+namespace {
+
+struct Model_entry {
+    const char* engine;
+    std::unique_ptr<Sensor_model> (*make)();
+};
+
+// Engine types with a model. Other engine types are refused until their
+// models are written.
+const Model_entry kModels[] = {
+    {"X7710", make_model_AR0144},
+};
+
+}  // namespace
+
+std::unique_ptr<Sensor_model> make_sensor_model(const std::string& engine, std::string* error)
+{
+    std::string known;
+    for (const Model_entry& entry : kModels) {
+        if (engine == entry.engine)
+            return entry.make();
+        known += known.empty() ? entry.engine : std::string(", ") + entry.engine;
+    }
+    if (error)
+        *error = "engine type \"" + engine + "\" is not simulated (simulated engine types: " + known + ")";
+    return nullptr;
+}
+
+}  // namespace vqxsim

@@ -1,0 +1,972 @@
+// Sim_core.cpp: buffers, power, lights, PSoC, faults and the frame thread of
+// the simulated scan engine.
+#include "Sim_core.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace vqxsim {
+namespace {
+
+constexpr int kFirstHandle = 0x1001;
+constexpr int kUnknownHandle = 0x0BAD;  // never a buffer handle
+constexpr size_t kHistorySize = 4096;
+constexpr double kJitter = 0.02;        // +-2% of the frame period
+constexpr int kStormFactor = 10;
+
+const char* const kOperations[] = {
+    "IsPsocSupported", "WriteIIC_PSOC", "ReadIIC_PSOC", "EngineType", "GetImageBuffers", "ReleaseBuffer",
+    "RegisterVsyncNotification", "GetScanHeight", "GetScanWidth", "ImagerPowerUp", "ImagerPowerDown",
+    "ImagerPowerOn", "ImagerPowerOff", "InitCapture", "StartSnapshot", "ResetTransferHardware", "AimOn",
+    "AimOff", "IllumConfig", "IllumOn", "IllumOff", "WriteReg", "ReadReg", "GetConfig", "LoadCaptureInfo",
+    "EnableVsyncProcessing", "StartScanning", "StopScanning", "OpenSession", "CloseSession",
+    "RequestStopScanning",
+};
+
+// Live instances, for vqxsim_frame_info. Taken before any instance's lock.
+std::mutex registry_mutex;
+std::vector<const Sim_core*> registry;
+
+std::string hex_bytes(const unsigned char* data, unsigned count)
+{
+    std::string text = "[";
+    char item[8];
+    for (unsigned i = 0; data && i < count && i < 16; ++i) {
+        std::snprintf(item, sizeof item, i ? " %02X" : "%02X", data[i]);
+        text += item;
+    }
+    return text + (count > 16 ? " ...]" : "]");
+}
+
+std::string hex_words(const uint16_t* values, uint64_t length)
+{
+    if (!values)
+        return "null";
+    std::string text = "[";
+    char item[12];
+    uint64_t n = length == 1 ? 1 : length / 2;
+    for (uint64_t i = 0; i < n && i < 8; ++i) {
+        std::snprintf(item, sizeof item, i ? " 0x%04X" : "0x%04X", values[i]);
+        text += item;
+    }
+    return text + (n > 8 ? " ...]" : "]");
+}
+
+bool config_error(std::string* error, const std::string& text)
+{
+    if (error)
+        *error = text;
+    return false;
+}
+
+bool valid_config(const Config& c, std::string* error)
+{
+    if (!(c.fps >= 1.0 && c.fps <= 1000.0))
+        return config_error(error, "frame rate must be 1 to 1000 frames a second");
+    if (c.buffers < 1 || c.buffers > 64)
+        return config_error(error, "buffer count must be 1 to 64");
+    if (c.capture_mode > 7)
+        return config_error(error, "capture mode must be 0 to 7");
+    if (c.orientation != 0 && c.orientation != 180)
+        return config_error(error, "orientation must be 0 or 180");
+    if (c.serial.size() > 10)
+        return config_error(error, "serial number has at most 10 characters");
+    return true;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Construction
+// ---------------------------------------------------------------------------
+
+std::unique_ptr<Sim_core> Sim_core::create(const Config& config, std::string* error)
+{
+    if (!valid_config(config, error))
+        return nullptr;
+    std::unique_ptr<Sensor_model> model = make_sensor_model(config.engine, error);
+    if (!model)
+        return nullptr;
+    std::shared_ptr<const Scene> scene = Scene::build(config, model->width(), model->height(), error);
+    if (!scene)
+        return nullptr;
+    std::unique_ptr<Sim_core> core(new Sim_core(config, std::move(model), std::move(scene)));
+    if (core->trace.failed()) {
+        config_error(error, "cannot open the trace file " + config.trace_file);
+        return nullptr;
+    }
+    return core;
+}
+
+Sim_core::Sim_core(const Config& config, std::unique_ptr<Sensor_model> sensor, std::shared_ptr<const Scene> view)
+    : cfg(config),
+      start(Clock::now()),
+      model(std::move(sensor)),
+      trace(config.trace_file),
+      renderer(model->width(), model->height(), config.seed),
+      psoc_model(config),
+      scene(std::move(view)),
+      ambient(config.ambient),
+      scene_scale(config.scene_scale),
+      drop_gate(config.faults.drop, config.seed, "drop"),
+      zero_gate(config.faults.zero_handle, config.seed, "zero_handle"),
+      duplicate_gate(config.faults.duplicate, config.seed, "duplicate"),
+      unknown_gate(config.faults.unknown_handle, config.seed, "unknown_handle"),
+      storm_gate(config.faults.storm, config.seed, "storm"),
+      read_gate(config.faults.regfail_read, config.seed, "regfail_read"),
+      write_gate(config.faults.regfail_write, config.seed, "regfail_write"),
+      psoc_gate(config.faults.psocfail, config.seed, "psocfail"),
+      random(config.seed)
+{
+    face = model->make_hwl(*this);
+    size_t frame_size = size_t(model->width()) * model->height();
+    memory.assign(frame_size * cfg.buffers, 0);
+    frame.assign(frame_size, 0);
+    buffers.resize(cfg.buffers);
+    for (unsigned i = 0; i < cfg.buffers; ++i) {
+        IHwl::Image_buffer_pointers p{};
+        p.image = p.capture = memory.data() + i * frame_size;
+        p.handle = kFirstHandle + int(i);
+        pointers.push_back(p);
+    }
+    for (const char* op : kOperations)
+        call_counts.emplace_back(op, 0);
+    {
+        std::lock_guard<std::mutex> hold(registry_mutex);
+        registry.push_back(this);
+    }
+    thread = std::thread(&Sim_core::run, this);
+}
+
+Sim_core::~Sim_core()
+{
+    shutdown();
+    std::lock_guard<std::mutex> hold(registry_mutex);
+    registry.erase(std::remove(registry.begin(), registry.end(), this), registry.end());
+}
+
+void Sim_core::shutdown()
+{
+    bool join = false;
+    {
+        std::lock_guard<std::mutex> hold(mutex);
+        quit = true;
+        join = !joined && thread.joinable() && thread.get_id() != std::this_thread::get_id();
+        joined = joined || join;
+    }
+    wake.notify_all();
+    step_done.notify_all();
+    if (join)
+        thread.join();
+}
+
+// ---------------------------------------------------------------------------
+// Bookkeeping
+// ---------------------------------------------------------------------------
+
+void Sim_core::note(const char* operation)
+{
+    for (auto& c : call_counts)
+        if (std::strcmp(c.first, operation) == 0) {
+            ++c.second;
+            return;
+        }
+}
+
+uint64_t Sim_core::elapsed_us() const
+{
+    return uint64_t(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
+}
+
+int Sim_core::index_of(int handle) const
+{
+    int index = handle - kFirstHandle;
+    return index >= 0 && index < int(buffers.size()) ? index : -1;
+}
+
+void Sim_core::disarm(int index)
+{
+    armed.erase(std::remove(armed.begin(), armed.end(), index), armed.end());
+}
+
+int Sim_core::pick_target() const
+{
+    if (!transfer)
+        return -1;
+    bool self_filling = cfg.capture_mode == 4 || cfg.capture_mode == 6;
+    if (!self_filling || !armed.empty())
+        return armed.empty() || (cfg.capture_mode == 6 && snapshots == 0) ? -1 : armed.front();
+    if (cfg.capture_mode == 6 && snapshots == 0)
+        return -1;
+    int n = int(buffers.size());
+    for (int k = 1; k <= n; ++k) {
+        int i = (last_filled + k + n) % n;
+        if (buffers[i].state == Buffer_state::free)
+            return i;
+    }
+    return -1;
+}
+
+bool Sim_core::sensor_running() const
+{
+    return is_supplied && !is_standby && !is_stalled && model->streaming();
+}
+
+// Called after every change that may start or stop frames.
+void Sim_core::state_changed()
+{
+    bool now_running = sensor_running();
+    if (now_running && !running) {
+        model->stream_started();
+        Clock::time_point now = Clock::now();
+        first_frame_at = now + std::chrono::milliseconds(cfg.faults.first_frame_delay_ms);
+        next_frame = first_frame_at + std::chrono::microseconds(int64_t(1e6 / cfg.fps));
+    }
+    running = now_running;
+    wake.notify_all();
+}
+
+// ---------------------------------------------------------------------------
+// PSoC
+// ---------------------------------------------------------------------------
+
+bool Sim_core::IsPsocSupported()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("IsPsocSupported");
+    trace.line("IsPsocSupported() = %d", cfg.psoc_fitted);
+    return cfg.psoc_fitted;
+}
+
+bool Sim_core::WriteIIC_PSOC(unsigned char address, unsigned char* data, unsigned int count)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("WriteIIC_PSOC");
+    bool ok = cfg.psoc_fitted && !psoc_gate.next() && psoc_model.write(address, data, count);
+    if (!ok)
+        ++this->count.psoc_failures;
+    trace.line("WriteIIC_PSOC(0x%02X, %s, %u) = %d", address, hex_bytes(data, count).c_str(), count, ok);
+    state_changed();
+    return ok;
+}
+
+bool Sim_core::ReadIIC_PSOC(unsigned char address, unsigned char* data, unsigned int count)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("ReadIIC_PSOC");
+    bool ok = cfg.psoc_fitted && !psoc_gate.next() && psoc_model.read(address, data, count);
+    if (!ok)
+        ++this->count.psoc_failures;
+    trace.line("ReadIIC_PSOC(0x%02X, %u) = %d %s", address, count, ok, ok ? hex_bytes(data, count).c_str() : "");
+    return ok;
+}
+
+// ---------------------------------------------------------------------------
+// Identity, buffers and callbacks
+// ---------------------------------------------------------------------------
+
+void Sim_core::EngineType(const char* result)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("EngineType");
+    trace.line("EngineType() = \"%s\"", result);
+}
+
+IHwl::Image_buffer_pointers* Sim_core::GetImageBuffers(uint64_t& n)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("GetImageBuffers");
+    n = pointers.size();
+    trace.line("GetImageBuffers() = %zu buffers", pointers.size());
+    return pointers.data();
+}
+
+void Sim_core::ReleaseBuffer(int buffer)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("ReleaseBuffer");
+    int i = index_of(buffer);
+    if (i < 0 || buffers[i].state == Buffer_state::free) {
+        ++count.bad_releases;
+    } else {
+        if (buffers[i].state == Buffer_state::armed)
+            disarm(i);
+        buffers[i].state = Buffer_state::free;
+    }
+    trace.line("ReleaseBuffer(0x%X)%s", unsigned(buffer), i < 0 ? " unknown handle" : "");
+    wake.notify_all();
+}
+
+bool Sim_core::RegisterVsyncNotification(IHwl::Vsync_callback callback, void* context)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("RegisterVsyncNotification");
+    vsync = callback;
+    vsync_context = context;
+    trace.line("RegisterVsyncNotification(%p, %p) = 1", reinterpret_cast<void*>(callback), context);
+    return true;
+}
+
+unsigned int Sim_core::GetScanHeight()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("GetScanHeight");
+    trace.line("GetScanHeight() = %u", model->height());
+    return model->height();
+}
+
+unsigned int Sim_core::GetScanWidth()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("GetScanWidth");
+    trace.line("GetScanWidth() = %u", model->width());
+    return model->width();
+}
+
+bool Sim_core::InitCapture(int buffer)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("InitCapture");
+    int i = index_of(buffer);
+    bool ok = i >= 0;
+    if (!ok) {
+        ++count.bad_captures;
+    } else if (buffers[i].state != Buffer_state::armed) {
+        buffers[i].state = Buffer_state::armed;
+        armed.push_back(i);
+    }
+    trace.line("InitCapture(0x%X) = %d", unsigned(buffer), ok);
+    wake.notify_all();
+    return ok;
+}
+
+void Sim_core::StartSnapshot()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("StartSnapshot");
+    ++snapshots;
+    trace.line("StartSnapshot()");
+    wake.notify_all();
+}
+
+// ---------------------------------------------------------------------------
+// Power and lights
+// ---------------------------------------------------------------------------
+
+bool Sim_core::ImagerPowerOn()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("ImagerPowerOn");
+    if (!is_supplied) {
+        is_supplied = true;
+        model->set_supply(true);
+    }
+    trace.line("ImagerPowerOn() = 1");
+    state_changed();
+    return true;
+}
+
+bool Sim_core::ImagerPowerOff()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("ImagerPowerOff");
+    if (is_supplied) {
+        is_supplied = false;
+        model->set_supply(false);
+        psoc_model.set_reg(Psoc_model::light_control, 0);
+        is_stalled = stall_recovering = stopped_in_stall = false;
+        model->set_stalled(false);
+    }
+    trace.line("ImagerPowerOff() = 1");
+    state_changed();
+    return true;
+}
+
+bool Sim_core::ImagerPowerUp()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("ImagerPowerUp");
+    is_standby = false;
+    model->set_standby(false);
+    trace.line("ImagerPowerUp() = 1");
+    state_changed();
+    return true;
+}
+
+bool Sim_core::ImagerPowerDown()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("ImagerPowerDown");
+    is_standby = true;
+    model->set_standby(true);
+    trace.line("ImagerPowerDown() = 1");
+    state_changed();
+    return true;
+}
+
+bool Sim_core::AimOn()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("AimOn");
+    aim_on = true;
+    trace.line("AimOn() = 1");
+    return true;
+}
+
+bool Sim_core::AimOff()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("AimOff");
+    aim_on = false;
+    trace.line("AimOff() = 1");
+    return true;
+}
+
+bool Sim_core::IllumConfig(unsigned int config)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("IllumConfig");
+    illum_cfg = config;
+    trace.line("IllumConfig(%u) = 1", config);
+    return true;
+}
+
+bool Sim_core::IllumOn()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("IllumOn");
+    illum_on = true;
+    trace.line("IllumOn() = 1");
+    return true;
+}
+
+bool Sim_core::IllumOff()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("IllumOff");
+    illum_on = false;
+    trace.line("IllumOff() = 1");
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Sensor registers
+// ---------------------------------------------------------------------------
+
+bool Sim_core::WriteReg(unsigned int address, uint16_t* values, uint64_t length)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("WriteReg");
+    bool injected = write_gate.next();
+    bool ok = !injected && is_supplied && values != nullptr && model->write(address, values, length);
+    if (!ok)
+        ++count.register_write_failures;
+    if (ok && is_stalled && stall_recovering && model->is_stream_control(address, length) && model->streaming()) {
+        is_stalled = stall_recovering = stopped_in_stall = false;
+        model->set_stalled(false);
+        trace.line("stall cleared");
+    }
+    trace.line("WriteReg(0x%04X, %s, %llu) = %d%s", address, hex_words(values, length).c_str(),
+               static_cast<unsigned long long>(length), ok, injected ? " (injected failure)" : "");
+    state_changed();
+    return ok;
+}
+
+bool Sim_core::ReadReg(unsigned int address, uint16_t* values, uint64_t length)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("ReadReg");
+    bool injected = read_gate.next();
+    bool ok = !injected && is_supplied && values != nullptr && model->read(address, values, length);
+    if (!ok)
+        ++count.register_read_failures;
+    trace.line("ReadReg(0x%04X, %llu) = %d %s%s", address, static_cast<unsigned long long>(length), ok,
+               ok ? hex_words(values, length).c_str() : "", injected ? " (injected failure)" : "");
+    return ok;
+}
+
+// ---------------------------------------------------------------------------
+// Configuration and scanning
+// ---------------------------------------------------------------------------
+
+void Sim_core::GetConfig(IHwl::Config* config)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("GetConfig");
+    trace.line("GetConfig(%p)", static_cast<void*>(config));
+    if (!config)
+        return;
+    // Only the words inside the caller's record size are written.
+    uint64_t size = config->size;
+    if (size >= offsetof(IHwl::Config, capture_mode) + 4)
+        config->capture_mode = cfg.capture_mode;
+    if (size >= offsetof(IHwl::Config, engine_variant) + 4)
+        config->engine_variant = uint32_t(cfg.variant) | uint32_t(cfg.orientation) << 16;
+    if (size >= offsetof(IHwl::Config, imager_link) + 4)
+        config->imager_link = 1;
+    if (size >= offsetof(IHwl::Config, register_table) + 4)
+        config->register_table = 42;
+}
+
+bool Sim_core::LoadCaptureInfo()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("LoadCaptureInfo");
+    trace.line("LoadCaptureInfo() = 1");
+    return true;
+}
+
+bool Sim_core::EnableVsyncProcessing()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("EnableVsyncProcessing");
+    trace.line("EnableVsyncProcessing() = 1");
+    return true;
+}
+
+bool Sim_core::ResetTransferHardware()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("ResetTransferHardware");
+    if (is_stalled) {
+        is_stalled = stall_recovering = stopped_in_stall = false;
+        model->set_stalled(false);
+    }
+    trace.line("ResetTransferHardware() = 1");
+    state_changed();
+    return true;
+}
+
+bool Sim_core::StartScanning()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("StartScanning");
+    transfer = true;
+    if (is_stalled && stopped_in_stall)
+        stall_recovering = true;
+    trace.line("StartScanning() = 1");
+    state_changed();
+    return true;
+}
+
+bool Sim_core::StopScanning()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("StopScanning");
+    transfer = false;
+    stopped_in_stall = is_stalled;
+    trace.line("StopScanning() = 1");
+    state_changed();
+    return true;
+}
+
+bool Sim_core::OpenSession()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("OpenSession");
+    trace.line("OpenSession() = 1");
+    return true;
+}
+
+void Sim_core::CloseSession()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("CloseSession");
+    trace.line("CloseSession()");
+}
+
+bool Sim_core::RequestStopScanning(IHwl::Stop_callback callback, void* context)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note("RequestStopScanning");
+    ++count.stop_requests;
+    bool at_once = !cfg.faults.never_confirm_stop && cfg.faults.defer_stop_ms < 0;
+    if (!at_once && !cfg.faults.never_confirm_stop) {
+        if (!stop_pending)
+            stop_deadline = Clock::now() + std::chrono::milliseconds(cfg.faults.defer_stop_ms);
+        stop_pending = true;
+        stop_callback = callback;
+        stop_context = context;
+        wake.notify_all();
+    }
+    trace.line("RequestStopScanning(%p, %p) = %d", reinterpret_cast<void*>(callback), context, at_once);
+    return at_once;
+}
+
+// ---------------------------------------------------------------------------
+// Frame thread
+// ---------------------------------------------------------------------------
+
+Sim_core::Clock::duration Sim_core::frame_period(bool storm)
+{
+    double us = std::max(1e6 / cfg.fps, last_exposure_us);
+    us *= 1.0 + kJitter * std::uniform_real_distribution<double>(-1.0, 1.0)(random);
+    if (storm)
+        us /= kStormFactor;
+    return std::chrono::microseconds(int64_t(us));
+}
+
+bool Sim_core::frame_possible(Clock::time_point now) const
+{
+    return running && now >= first_frame_at && pick_target() >= 0;
+}
+
+Sim_core::Clock::time_point Sim_core::next_wake() const
+{
+    Clock::time_point t = Clock::time_point::max();
+    if (stop_pending)
+        t = std::min(t, stop_deadline);
+    if (running && cfg.real_time)
+        t = std::min(t, next_frame);
+    if (running && !cfg.real_time && steps_wanted > 0 && Clock::now() < first_frame_at)
+        t = std::min(t, first_frame_at);
+    return t;
+}
+
+void Sim_core::run()
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    while (!quit) {
+        Clock::time_point now = Clock::now();
+        if (stop_pending && now >= stop_deadline) {
+            confirm_stop(lock);
+        } else if (cfg.real_time && running && now >= next_frame) {
+            bool storm = storm_gate.next();
+            Clock::duration period = frame_period(storm);
+            next_frame += period;
+            if (next_frame < now)
+                next_frame = now + period;
+            if (now >= first_frame_at)
+                produce_frame(lock, false);
+        } else if (!cfg.real_time && steps_wanted > 0 && frame_possible(now)) {
+            produce_frame(lock, true);
+        } else {
+            Clock::time_point t = next_wake();
+            if (t == Clock::time_point::max())
+                wake.wait(lock);
+            else
+                wake.wait_until(lock, t);
+        }
+    }
+}
+
+void Sim_core::confirm_stop(std::unique_lock<std::mutex>& lock)
+{
+    stop_pending = false;
+    IHwl::Stop_callback callback = stop_callback;
+    void* context = stop_context;
+    ++count.stop_confirmations;
+    lock.unlock();
+    trace.line("stop confirmed: callback(%p)", context);
+    if (callback)
+        callback(context);
+    lock.lock();
+}
+
+Render_params Sim_core::render_params(const Frame_settings& f) const
+{
+    Render_params p;
+    uint8_t light = psoc_model.reg(Psoc_model::light_control);
+    double boost = 1.0 + 0.25 * ((light >> 2) & 7);
+    bool lit = illum_on || (light & 2) != 0;
+    bool aiming = aim_on || (light & 1) != 0;
+    p.light = (ambient + (lit ? cfg.illumination * boost : 0.0)) * scene_scale;
+    p.aimer_light = aiming ? cfg.aimer_light * scene_scale : 0.0;
+    p.exposure_us = f.exposure_us;
+    p.gain = f.analog_gain * f.digital_gain;
+    bool rotated = cfg.orientation == 180;
+    p.vflip = f.vflip != rotated;
+    p.hflip = f.hflip != rotated;
+    p.noise_offset = uint32_t(random() & 0xFFFFF);
+    p.mode = cfg.render;
+    return p;
+}
+
+void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame)
+{
+    if (cfg.faults.stall_after != 0 && !stall_fired && count.frames_delivered >= cfg.faults.stall_after) {
+        stall_fired = is_stalled = true;
+        stall_recovering = stopped_in_stall = false;
+        model->set_stalled(true);
+        ++count.stalls;
+        trace.line("transfer stalled after %llu frames", static_cast<unsigned long long>(count.frames_delivered));
+        state_changed();
+        return;
+    }
+    int index = pick_target();
+    Frame_settings settings = model->next_frame();
+    ++count.sensor_frames;
+    ++frame_number;
+    last_exposure_us = settings.exposure_us;
+    if (index < 0) {
+        ++count.frames_missed;
+        return;
+    }
+    if (step_frame) {
+        --steps_wanted;
+        ++steps_begun;
+    }
+    bool drop = drop_gate.next();
+    bool zero = zero_gate.next();
+    bool twice = duplicate_gate.next();
+    bool unknown = unknown_gate.next();
+    bool self_filling = cfg.capture_mode == 4 || cfg.capture_mode == 6;
+    if (cfg.capture_mode == 6)
+        --snapshots;
+    Render_params params = render_params(settings);
+    std::shared_ptr<const Scene> view = scene;
+
+    Frame_record record;
+    record.number = frame_number;
+    record.frame_count = settings.frame_count;
+    record.handle = pointers[index].handle;
+    record.delivered = !drop;
+    record.rows = settings.rows;
+    record.fine = settings.fine;
+    record.line_time_us = settings.line_time_us;
+    record.exposure_us = settings.exposure_us;
+    record.analog_gain = settings.analog_gain;
+    record.digital_gain = settings.digital_gain;
+    record.gain = params.gain;
+    record.analog_gain_code = settings.analog_code;
+    record.digital_gain_code = settings.digital_code;
+    record.illumination = illum_on || (psoc_model.reg(Psoc_model::light_control) & 2) != 0;
+    record.aimer = params.aimer_light > 0.0;
+
+    lock.unlock();
+    renderer.render(view, params, frame.data());
+    lock.lock();
+
+    Buffer& buffer = buffers[index];
+    bool still_ours = self_filling ? buffer.state != Buffer_state::delivered : buffer.state == Buffer_state::armed;
+    if (!still_ours || quit) {
+        // Taken back while the frame was read out: the frame is lost.
+        ++count.frames_missed;
+        if (step_frame) {
+            ++steps_wanted;
+            --steps_begun;
+        }
+        return;
+    }
+    std::memcpy(memory.data() + index * frame.size(), frame.data(), frame.size());
+    ++count.frames_filled;
+    last_filled = index;
+    record.time_us = elapsed_us();
+    buffer.has_frame = true;
+    buffer.frame = record;
+    history.push_back(record);
+    if (history.size() > kHistorySize)
+        history.pop_front();
+
+    std::vector<int> events;
+    if (drop) {
+        ++count.frames_dropped;
+    } else {
+        buffer.state = Buffer_state::delivered;
+        disarm(index);
+        ++count.frames_delivered;
+        events.push_back(record.handle);
+        if (twice) {
+            events.push_back(record.handle);
+            ++count.duplicate_events;
+        }
+        if (zero) {
+            events.push_back(0);
+            ++count.zero_handle_events;
+        }
+        if (unknown) {
+            events.push_back(kUnknownHandle);
+            ++count.unknown_handle_events;
+        }
+    }
+    IHwl::Vsync_callback callback = vsync;
+    void* context = vsync_context;
+    if (callback)
+        count.vsyncs += events.size();
+
+    lock.unlock();
+    for (int handle : events) {
+        trace.line("vsync(0x%X) frame %llu", unsigned(handle), static_cast<unsigned long long>(record.number));
+        if (callback)
+            callback(handle, context);
+    }
+    lock.lock();
+    if (step_frame)
+        ++steps_done;
+    step_done.notify_all();
+}
+
+// ---------------------------------------------------------------------------
+// Control and inspection
+// ---------------------------------------------------------------------------
+
+unsigned Sim_core::step(unsigned frames, unsigned timeout_ms)
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    if (cfg.real_time) {
+        uint64_t base = count.frames_filled;
+        step_done.wait_until(lock, deadline, [&] { return quit || count.frames_filled >= base + frames; });
+        return unsigned(std::min<uint64_t>(frames, count.frames_filled - base));
+    }
+    step_done.wait_until(lock, deadline, [&] { return quit || steps_done == steps_begun; });
+    uint64_t base = steps_done;
+    steps_wanted = frames;
+    wake.notify_all();
+    bool all = step_done.wait_until(lock, deadline, [&] { return quit || steps_done >= base + frames; });
+    if (!all) {
+        steps_wanted = 0;
+        // A frame already begun still completes, callbacks included.
+        step_done.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                           [&] { return quit || steps_done == steps_begun; });
+    }
+    return unsigned(steps_done - base);
+}
+
+uint16_t Sim_core::reg(unsigned address)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return model->peek(address);
+}
+
+bool Sim_core::supplied() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return is_supplied;
+}
+
+bool Sim_core::standby() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return is_standby;
+}
+
+bool Sim_core::streaming() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return is_supplied && model->streaming();
+}
+
+bool Sim_core::transfer_started() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return transfer;
+}
+
+bool Sim_core::stalled() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return is_stalled;
+}
+
+bool Sim_core::aimer() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return aim_on || (psoc_model.reg(Psoc_model::light_control) & 1) != 0;
+}
+
+bool Sim_core::illumination() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return illum_on || (psoc_model.reg(Psoc_model::light_control) & 2) != 0;
+}
+
+unsigned Sim_core::illum_config() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return illum_cfg;
+}
+
+uint8_t Sim_core::psoc(unsigned address) const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return psoc_model.reg(address);
+}
+
+std::vector<Psoc_write> Sim_core::psoc_writes() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return psoc_model.writes();
+}
+
+std::vector<Buffer_state> Sim_core::buffer_states() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    std::vector<Buffer_state> states;
+    for (const Buffer& b : buffers)
+        states.push_back(b.state);
+    return states;
+}
+
+Buffer_state Sim_core::buffer_state(int handle) const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    int i = index_of(handle);
+    return i < 0 ? Buffer_state::free : buffers[i].state;
+}
+
+Counters Sim_core::counters() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return count;
+}
+
+std::vector<Frame_record> Sim_core::frames() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return {history.begin(), history.end()};
+}
+
+uint64_t Sim_core::calls(const std::string& operation) const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    for (const auto& c : call_counts)
+        if (operation == c.first)
+            return c.second;
+    return 0;
+}
+
+void Sim_core::set_ambient(double value)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    ambient = value;
+}
+
+void Sim_core::set_scene_scale(double value)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    scene_scale = value;
+}
+
+bool Sim_core::frame_info(const void* address, struct vqxsim_frame_info* out) const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    auto p = reinterpret_cast<uintptr_t>(address);
+    auto base = reinterpret_cast<uintptr_t>(memory.data());
+    if (p < base || p - base >= memory.size())
+        return false;
+    const Buffer& b = buffers[(p - base) / frame.size()];
+    if (!b.has_frame)
+        return false;
+    out->exposure_us = b.frame.exposure_us;
+    out->rows = b.frame.rows;
+    out->fine = b.frame.fine;
+    out->gain = float(b.frame.gain);
+    out->gain_code = b.frame.analog_gain_code;
+    out->digital_gain_code = b.frame.digital_gain_code;
+    out->frame_number = b.frame.number;
+    return true;
+}
+
+bool Sim_core::find_frame_info(const void* address, struct vqxsim_frame_info* out)
+{
+    if (!address || !out)
+        return false;
+    std::lock_guard<std::mutex> hold(registry_mutex);
+    for (const Sim_core* core : registry)
+        if (core->frame_info(address, out))
+            return true;
+    return false;
+}
+
+}  // namespace vqxsim

@@ -1,0 +1,235 @@
+// Sim_core.h: the simulated scan engine behind every simulated hardware layer.
+//
+// Sim_core owns the sensor model, the capture buffers, the lights, the PSoC,
+// the scene, the renderer, the fault gates and the frame thread. The
+// engine's IHwl object (Hwl_face) forwards every hardware-layer operation to
+// the member of the same name here; Simulator is the public handle.
+//
+// Buffers: an array of Config::buffers buffers of width x height bytes, with
+// handles 0x1001, 0x1002, ... Each is free, armed (InitCapture) or delivered
+// (filled and announced, until ReleaseBuffer). Armed buffers fill in the
+// order they were armed. InitCapture re-arms a delivered buffer, and is a
+// no-op returning true on an armed one. ReleaseBuffer of an armed buffer
+// takes it back before it fills. Capture modes 4 and 6 let the transfer
+// hardware pick free buffers itself (mode 6: one per StartSnapshot).
+//
+// Power: ImagerPowerOn/Off switch the supply (registers return to their
+// power-on values both ways; switching the supply off also clears the PSoC
+// light control); ImagerPowerUp/Down leave and enter standby. The sensor's
+// registers answer only while it is supplied.
+//
+// Stopping: RequestStopScanning returns true (the transfer stops at once;
+// the sensor keeps streaming until the driver stops it, so captures already
+// armed still complete) unless a deferred or never-confirmed stop fault is
+// configured: then it returns false and the stop callback comes from the
+// frame thread after the configured delay (or never). A second request
+// while one is pending replaces the callback and keeps the deadline.
+//
+// Stall: after Faults::stall_after delivered frames the transfer stalls
+// once: no frames, the frame counter stops, the status still shows
+// streaming with the PLL locked, 0x306A shows 0x0100. StopScanning then
+// StartScanning followed by a write to the streaming control, or
+// ResetTransferHardware, or switching the supply off, clears it.
+//
+// Threads: one mutex guards all state; it is never held while a callback
+// runs. Rendering happens outside the lock into a private frame, which is
+// copied into the buffer under the lock, so a buffer never changes behind
+// the driver's back: the driver only sees buffer memory change between
+// arming it and its vsync. (Capture modes 1-3 poll an armed buffer while it
+// fills; that read meets the copy as it would meet a DMA transfer.)
+#ifndef VQXSIM_SIM_CORE_H
+#define VQXSIM_SIM_CORE_H
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "Fault_gate.h"
+#include "Psoc_model.h"
+#include "Renderer.h"
+#include "Scene.h"
+#include "Sensor_model.h"
+#include "Sim_trace.h"
+#include "Simulator.h"
+#include "vqxsim_c.h"
+
+namespace vqxsim {
+
+class Sim_core {
+public:
+    static std::unique_ptr<Sim_core> create(const Config& config, std::string* error);
+    ~Sim_core();
+
+    Sim_core(const Sim_core&) = delete;
+    Sim_core& operator=(const Sim_core&) = delete;
+
+    IHwl* hwl() { return face.get(); }
+    const Config& config() const { return cfg; }
+
+    // Hardware-layer operations (see IHwl).
+    bool IsPsocSupported();
+    bool WriteIIC_PSOC(unsigned char address, unsigned char* data, unsigned int count);
+    bool ReadIIC_PSOC(unsigned char address, unsigned char* data, unsigned int count);
+    void EngineType(const char* result);
+    IHwl::Image_buffer_pointers* GetImageBuffers(uint64_t& count);
+    void ReleaseBuffer(int buffer);
+    bool RegisterVsyncNotification(IHwl::Vsync_callback callback, void* context);
+    unsigned int GetScanHeight();
+    unsigned int GetScanWidth();
+    bool ImagerPowerUp();
+    bool ImagerPowerDown();
+    bool ImagerPowerOn();
+    bool ImagerPowerOff();
+    bool InitCapture(int buffer);
+    void StartSnapshot();
+    bool ResetTransferHardware();
+    bool AimOn();
+    bool AimOff();
+    bool IllumConfig(unsigned int config);
+    bool IllumOn();
+    bool IllumOff();
+    bool WriteReg(unsigned int address, uint16_t* values, uint64_t length);
+    bool ReadReg(unsigned int address, uint16_t* values, uint64_t length);
+    void GetConfig(IHwl::Config* config);
+    bool LoadCaptureInfo();
+    bool EnableVsyncProcessing();
+    bool StartScanning();
+    bool StopScanning();
+    bool OpenSession();
+    void CloseSession();
+    bool RequestStopScanning(IHwl::Stop_callback callback, void* context);
+
+    // Control and inspection (Simulator).
+    unsigned step(unsigned frames, unsigned timeout_ms);
+    void shutdown();
+    uint16_t reg(unsigned address);
+    bool supplied() const;
+    bool standby() const;
+    bool streaming() const;
+    bool transfer_started() const;
+    bool stalled() const;
+    bool aimer() const;
+    bool illumination() const;
+    unsigned illum_config() const;
+    uint8_t psoc(unsigned address) const;
+    std::vector<Psoc_write> psoc_writes() const;
+    std::vector<Buffer_state> buffer_states() const;
+    Buffer_state buffer_state(int handle) const;
+    Counters counters() const;
+    std::vector<Frame_record> frames() const;
+    uint64_t calls(const std::string& operation) const;
+    void set_ambient(double ambient);
+    void set_scene_scale(double scale);
+    /// Frame currently in the buffer holding @p address; false if none.
+    bool frame_info(const void* address, struct vqxsim_frame_info* out) const;
+    /// The same over every live instance.
+    static bool find_frame_info(const void* address, struct vqxsim_frame_info* out);
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Buffer {
+        Buffer_state state = Buffer_state::free;
+        bool has_frame = false;
+        Frame_record frame;  ///< the frame last put in it
+    };
+    struct Event {
+        int handle;
+    };
+
+    Sim_core(const Config& config, std::unique_ptr<Sensor_model> model, std::shared_ptr<const Scene> scene);
+
+    // Call accounting and tracing (lock held).
+    void note(const char* operation);
+    // Buffers (lock held).
+    int index_of(int handle) const;
+    int pick_target() const;
+    void disarm(int index);
+    // Frame thread.
+    void run();
+    bool sensor_running() const;
+    void state_changed();
+    bool frame_possible(Clock::time_point now) const;
+    Clock::time_point next_wake() const;
+    void produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame);
+    void confirm_stop(std::unique_lock<std::mutex>& lock);
+    Render_params render_params(const Frame_settings& f) const;
+    Clock::duration frame_period(bool storm);
+    uint64_t elapsed_us() const;
+
+    const Config cfg;
+    const Clock::time_point start;
+    std::unique_ptr<Sensor_model> model;
+    std::unique_ptr<IHwl> face;
+    Sim_trace trace;
+    Renderer renderer;
+
+    mutable std::mutex mutex;
+    std::condition_variable wake;       ///< the frame thread's
+    std::condition_variable step_done;  ///< step() callers'
+
+    // Buffers.
+    std::vector<uint8_t> memory;
+    std::vector<IHwl::Image_buffer_pointers> pointers;
+    std::vector<Buffer> buffers;
+    std::deque<int> armed;  ///< indices in arming order
+    std::vector<uint8_t> frame;  ///< the renderer's output
+    int last_filled = -1;
+    unsigned snapshots = 0;
+
+    // Sensor, transfer and lights.
+    bool is_supplied = false;
+    bool is_standby = true;
+    bool transfer = false;
+    bool is_stalled = false;
+    bool stall_fired = false;
+    bool stall_recovering = false;
+    bool stopped_in_stall = false;
+    bool joined = false;
+    bool running = false;  ///< sensor_running() as last seen
+    bool aim_on = false;
+    bool illum_on = false;
+    unsigned illum_cfg = 0;
+    Psoc_model psoc_model;
+    std::shared_ptr<const Scene> scene;
+    double ambient;
+    double scene_scale;
+
+    // Callbacks.
+    IHwl::Vsync_callback vsync = nullptr;
+    void* vsync_context = nullptr;
+    bool stop_pending = false;
+    Clock::time_point stop_deadline;
+    IHwl::Stop_callback stop_callback = nullptr;
+    void* stop_context = nullptr;
+
+    // Faults.
+    Fault_gate drop_gate, zero_gate, duplicate_gate, unknown_gate, storm_gate;
+    Fault_gate read_gate, write_gate, psoc_gate;
+    mutable std::mt19937_64 random;  ///< noise offsets and jitter (lock held)
+
+    // Frame timing and stepping.
+    Clock::time_point next_frame;
+    Clock::time_point first_frame_at;
+    double last_exposure_us = 0.0;
+    bool quit = false;
+    unsigned steps_wanted = 0;
+    uint64_t steps_begun = 0;
+    uint64_t steps_done = 0;
+
+    // Records.
+    Counters count;
+    uint64_t frame_number = 0;
+    std::deque<Frame_record> history;
+    std::vector<std::pair<const char*, uint64_t>> call_counts;
+
+    std::thread thread;
+};
+
+}  // namespace vqxsim
+
+#endif

@@ -1,0 +1,249 @@
+// Simulator.h: control interface of the simulated scan engine.
+//
+// The simulator is a complete hardware layer (IHwl) in software: a sensor
+// model with its register file (one engine model per engine type), the image
+// transfer hardware (a fixed set of capture buffers and the vsync callback),
+// aimer and illumination, the PSoC companion controller, a scene in front of
+// the engine and a set of injectable faults.
+//
+// Users:
+//   - libLmoKil.so's InitHWLayer builds one Simulator from the VQXSIM_*
+//     environment variables (see README.md), or returns the instance a test
+//     installed with set_instance_for_InitHWLayer.
+//   - Tests build their own instance from a Config, drive it through hwl()
+//     like the driver does, and inspect it through the accessors below.
+//
+// Frames: a frame happens while the sensor is supplied, out of standby,
+// streaming, not stalled, and the transfer path has been started
+// (StartScanning). It is rendered into the oldest armed buffer (InitCapture)
+// and announced with the vsync callback from the simulator's own thread.
+//   - Real time (Config::real_time): the sensor runs at Config::fps with a
+//     little jitter; a sensor frame with no armed buffer is missed (counted,
+//     no callback) but still advances the frame counter and the exposure
+//     pipeline.
+//   - Step mode: frames happen only through step(n), each as soon as its
+//     conditions hold (including an armed buffer); step waits, bounded,
+//     until the frames' callbacks have returned.
+//
+// Threads: every accessor and every hardware-layer operation may be called
+// from any thread. The simulator never holds its own lock while it calls the
+// vsync or stop-complete callback, so a callback may call back into it (but
+// must not destroy the instance).
+#ifndef VQXSIM_SIMULATOR_H
+#define VQXSIM_SIMULATOR_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "IHwl.h"
+
+#define VQXSIM_API __attribute__((visibility("default")))
+
+namespace vqxsim {
+
+class Sim_core;
+
+enum class Scene_kind { barcode, flat, ramp, image_file };
+enum class Barcode_format { code128, qr_code };
+enum class Render_mode {
+    full,  ///< per-pixel physics with noise
+    fast,  ///< the same physics without noise, reusing the last frame when nothing changed
+    none   ///< a constant mid-grey frame, for benchmarks of the frame path only
+};
+enum class Buffer_state { free, armed, delivered };
+
+/// When a fault fires. Each fault counts its own events (frames that fill a
+/// buffer, ReadReg calls, WriteReg calls, PSoC transfers), starting at 1.
+/// Text forms (parse): "N" the Nth event only, "N+" the Nth and every later
+/// one, "*N" every Nth event, "0.25" (has a decimal point) each event with
+/// that probability, "always" (or no value) every event.
+struct VQXSIM_API Trigger {
+    enum class Kind { never, nth, from_nth, every_nth, probability, always };
+    Kind kind = Kind::never;
+    uint64_t n = 0;
+    double probability = 0.0;
+
+    static Trigger at(uint64_t n) { return {Kind::nth, n, 0.0}; }
+    static Trigger from(uint64_t n) { return {Kind::from_nth, n, 0.0}; }
+    static Trigger every(uint64_t n) { return {Kind::every_nth, n, 0.0}; }
+    static Trigger with_probability(double p) { return {Kind::probability, 0, p}; }
+    static Trigger all() { return {Kind::always, 0, 0.0}; }
+
+    bool configured() const { return kind != Kind::never; }
+    /// Parses a text form; false (and *this unchanged) on a malformed text.
+    bool parse(const std::string& text);
+};
+
+struct VQXSIM_API Faults {
+    Trigger drop;            ///< frame rendered into its buffer, no vsync; the buffer stays armed
+    Trigger zero_handle;     ///< an extra vsync with handle 0 right after the frame's own
+    Trigger duplicate;       ///< the frame's vsync is made twice
+    Trigger unknown_handle;  ///< an extra vsync with a handle that is not in the buffer array
+    Trigger storm;           ///< the frames that match come at ten times the frame rate
+    uint64_t stall_after = 0;  ///< the transfer stalls once, after this many delivered frames (0: never)
+    Trigger regfail_read;    ///< ReadReg fails (returns false, nothing read)
+    Trigger regfail_write;   ///< WriteReg fails (returns false, nothing written)
+    Trigger psocfail;        ///< a PSoC transfer fails
+    int defer_stop_ms = -1;  ///< >= 0: RequestStopScanning returns false and confirms after this many ms
+    bool never_confirm_stop = false;  ///< RequestStopScanning returns false and never confirms
+    unsigned first_frame_delay_ms = 0;  ///< extra delay of the first frame after streaming starts
+
+    /// Parses a comma list such as "drop=5,stall_after=20,regfail_write=0.01,
+    /// defer_stop=50,never_confirm_stop". False with a message on bad input.
+    bool parse(const std::string& text, std::string* error);
+};
+
+/// Everything an instance is built from. Defaults are those of the
+/// environment-built instance.
+struct VQXSIM_API Config {
+    std::string engine = "X7710";  ///< engine type; only modelled engines are accepted
+    double fps = 60.0;             ///< sensor frame rate in real time (1 to 1000)
+    unsigned buffers = 4;          ///< capture buffers (1 to 64)
+    bool real_time = true;         ///< false: frames only through step()
+
+    Scene_kind scene = Scene_kind::barcode;
+    std::string text = "VQX-SIM-0001";           ///< barcode contents
+    Barcode_format format = Barcode_format::code128;
+    std::string image_file;        ///< PGM or PNG, for Scene_kind::image_file
+    uint8_t flat_level = 230;      ///< reflectance (x/255) of the flat scene
+    double scene_scale = 1.0;      ///< reflectance factor: a brighter or darker scene
+    double ambient = 0.1;          ///< ambient light (units of the illumination)
+    double illumination = 1.0;     ///< illumination light when on
+    double aimer_light = 3.0;      ///< light of the aimer pattern when on
+    Render_mode render = Render_mode::full;
+
+    Faults faults;
+    uint64_t seed = 1;             ///< noise, jitter and probabilistic faults
+    std::string trace_file;        ///< non-empty: every hardware-layer call is written there
+
+    uint16_t variant = 1;          ///< GetConfig engine variant (bits 0-15)
+    uint16_t orientation = 0;      ///< mounting, 0 or 180 degrees (GetConfig bits 16-31)
+    uint32_t capture_mode = 0;     ///< GetConfig capture mode (0 to 7)
+
+    bool psoc_fitted = true;
+    uint32_t engine_id = 0x00007710;  ///< PSoC 0x00-0x03, big-endian
+    std::string serial = "VQXSIM0001";  ///< PSoC 0x04-0x0D (10 characters, padded with blanks)
+    uint8_t aimer_offset[4] = {0, 0, 0, 0};  ///< PSoC 0x1A-0x1D
+    uint8_t revision_low = 1;     ///< PSoC 0x38
+    uint8_t revision_high = 0;    ///< PSoC 0x39
+
+    /// Fills @p out from the VQXSIM_* environment variables (unset ones keep
+    /// the defaults). False with a message naming the variable on bad input.
+    static bool from_environment(Config& out, std::string* error);
+};
+
+/// What one frame that filled a buffer really used.
+struct Frame_record {
+    uint64_t number = 0;       ///< sensor frame number since the instance was built (1, 2, ...)
+    uint16_t frame_count = 0;  ///< frame counter register after this frame
+    int32_t handle = 0;        ///< buffer filled
+    bool delivered = false;    ///< false: dropped by a fault
+    uint32_t rows = 0;         ///< coarse integration time in rows
+    uint32_t fine = 0;         ///< fine integration time in pixel clocks
+    double line_time_us = 0.0;
+    double exposure_us = 0.0;  ///< rows x line time + fine / pixel clock
+    double analog_gain = 1.0;
+    double digital_gain = 1.0;
+    double gain = 1.0;         ///< analog x digital
+    uint16_t analog_gain_code = 0;
+    uint16_t digital_gain_code = 0;
+    bool illumination = false;
+    bool aimer = false;
+    uint64_t time_us = 0;      ///< since the instance was built
+};
+
+struct Counters {
+    uint64_t sensor_frames = 0;     ///< frames the sensor produced (frame counter steps)
+    uint64_t frames_filled = 0;     ///< frames rendered into a buffer
+    uint64_t frames_delivered = 0;  ///< frames announced with their own handle
+    uint64_t frames_dropped = 0;    ///< drop fault
+    uint64_t frames_missed = 0;     ///< real time: no armed buffer, or it was released while rendering
+    uint64_t vsyncs = 0;            ///< vsync callbacks made, fault events included
+    uint64_t zero_handle_events = 0;
+    uint64_t duplicate_events = 0;
+    uint64_t unknown_handle_events = 0;
+    uint64_t stalls = 0;
+    uint64_t stop_requests = 0;
+    uint64_t stop_confirmations = 0;  ///< deferred stop callbacks made
+    uint64_t register_read_failures = 0;   ///< injected and bad-argument failures
+    uint64_t register_write_failures = 0;
+    uint64_t psoc_failures = 0;
+    uint64_t bad_captures = 0;  ///< InitCapture with a handle not in the array
+    uint64_t bad_releases = 0;  ///< ReleaseBuffer with an unknown handle or of a free buffer
+};
+
+struct Psoc_write {
+    uint8_t address = 0;
+    std::vector<uint8_t> bytes;
+};
+
+class VQXSIM_API Simulator {
+public:
+    /// Builds an instance; null (and a message in @p error) when the
+    /// configuration is not usable, e.g. an engine type without a model.
+    static std::unique_ptr<Simulator> create(const Config& config, std::string* error = nullptr);
+    ~Simulator();
+
+    Simulator(const Simulator&) = delete;
+    Simulator& operator=(const Simulator&) = delete;
+
+    /// The hardware layer (an IHwl_AR0144 for "X7710"), owned by the instance.
+    IHwl* hwl();
+    const Config& config() const;
+
+    /// Step mode: produces @p frames frames, each as soon as its conditions
+    /// hold, and waits until their callbacks have returned or @p timeout_ms
+    /// has passed (frames not begun by then are cancelled). Returns the
+    /// number produced. In real time it only waits for that many frames.
+    /// One step() caller at a time; a frame counts as produced when it
+    /// filled a buffer (a dropped frame included).
+    unsigned step(unsigned frames = 1, unsigned timeout_ms = 1000);
+    /// Stops the frame thread for good: no more frames or callbacks. The
+    /// hardware-layer operations keep working.
+    void shutdown();
+
+    // Sensor and lights.
+    uint16_t reg(unsigned address) const;  ///< register value (8-bit registers: the byte)
+    bool supplied() const;      ///< supply on (ImagerPowerOn .. ImagerPowerOff)
+    bool standby() const;       ///< in standby (ImagerPowerDown .. ImagerPowerUp)
+    bool streaming() const;     ///< the sensor's streaming control is set
+    bool transfer_started() const;  ///< StartScanning .. StopScanning
+    bool stalled() const;
+    bool aimer() const;         ///< effective aimer (AimOn or the PSoC light register)
+    bool illumination() const;  ///< effective illumination
+    unsigned illum_config() const;
+
+    // PSoC.
+    uint8_t psoc(unsigned address) const;
+    uint8_t light_register() const;  ///< PSoC light control (0x32)
+    std::vector<Psoc_write> psoc_writes() const;
+
+    // Buffers, frames and calls.
+    std::vector<Buffer_state> buffer_states() const;  ///< in array order
+    Buffer_state buffer_state(int handle) const;      ///< free for an unknown handle
+    unsigned buffers_in(Buffer_state state) const;
+    Counters counters() const;
+    std::vector<Frame_record> frames() const;  ///< the latest 4096 frames that filled a buffer
+    uint64_t calls(const std::string& operation) const;  ///< e.g. calls("InitCapture")
+
+    // Scene changes while running.
+    void set_ambient(double ambient);
+    void set_scene_scale(double scale);
+
+private:
+    explicit Simulator(std::unique_ptr<Sim_core> core);
+    std::unique_ptr<Sim_core> core;
+};
+
+/// Makes InitHWLayer return @p hwl (not owned) from now on; null restores the
+/// environment-built instance.
+VQXSIM_API void set_instance_for_InitHWLayer(IHwl* hwl);
+
+/// The environment-built instance if InitHWLayer has built it, else null.
+VQXSIM_API Simulator* environment_instance();
+
+}  // namespace vqxsim
+
+#endif

@@ -1,0 +1,365 @@
+// The simulator keeps the hardware-layer contract: buffers, arming, frame
+// conditions, callbacks without its lock, stop paths, GetConfig, PSoC,
+// InitHWLayer and the tools' C interface.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+
+#include "Simulator.h"
+#include "sim_harness.h"
+#include "vqxsim_c.h"
+
+using namespace simtest;
+using vqxsim::Buffer_state;
+
+TEST(SimContract, BuffersAreStableDistinctAndFilledOnlyWhenArmedInOrder)
+{
+    vqxsim::Config c = step_config();
+    c.buffers = 3;
+    auto sim = make_sim(c);
+    IHwl& hwl = *sim->hwl();
+    uint64_t n = 0, n2 = 0;
+    IHwl::Image_buffer_pointers* b = hwl.GetImageBuffers(n);
+    ASSERT_EQ(3u, n);
+    EXPECT_EQ(b, hwl.GetImageBuffers(n2));
+    std::set<int> handles;
+    size_t size = size_t(hwl.GetScanWidth()) * hwl.GetScanHeight();
+    for (unsigned i = 0; i < n; ++i) {
+        EXPECT_NE(0, b[i].handle);
+        handles.insert(b[i].handle);
+        ASSERT_NE(nullptr, b[i].image);
+        EXPECT_EQ(b[i].image, b[i].capture);
+        std::memset(b[i].image, 0x5A, size);  // the whole buffer is ours to touch
+    }
+    EXPECT_EQ(3u, handles.size());
+
+    Vsync_log log;
+    start_streaming(hwl, log);
+    EXPECT_EQ(0u, sim->step(1, 30)) << "no armed buffer, no frame";
+    ASSERT_TRUE(hwl.InitCapture(b[2].handle));
+    ASSERT_TRUE(hwl.InitCapture(b[0].handle));
+    EXPECT_TRUE(hwl.InitCapture(b[0].handle)) << "arming twice is harmless";
+    EXPECT_EQ(2u, sim->step(2));
+    EXPECT_EQ((std::vector<int>{b[2].handle, b[0].handle}), log.take());
+    EXPECT_EQ(0x5A, b[1].image[0]) << "an unarmed buffer is never written";
+    EXPECT_EQ(0x5A, b[1].image[size - 1]);
+    EXPECT_NE(0x5A, b[2].image[size - 1]);
+    EXPECT_EQ((std::vector<Buffer_state>{Buffer_state::delivered, Buffer_state::free, Buffer_state::delivered}),
+              sim->buffer_states());
+
+    // Released buffers come back; a delivered one may be re-armed directly.
+    hwl.ReleaseBuffer(b[2].handle);
+    EXPECT_EQ(Buffer_state::free, sim->buffer_state(b[2].handle));
+    ASSERT_TRUE(hwl.InitCapture(b[0].handle));
+    EXPECT_EQ(1u, sim->step(1));
+    EXPECT_EQ(std::vector<int>{b[0].handle}, log.take());
+
+    // Releasing an armed buffer takes it back unfilled.
+    ASSERT_TRUE(hwl.InitCapture(b[1].handle));
+    hwl.ReleaseBuffer(b[1].handle);
+    EXPECT_EQ(0u, sim->step(1, 30));
+    EXPECT_EQ(0x5A, b[1].image[0]);
+
+    // Bad handles are refused and counted.
+    EXPECT_FALSE(hwl.InitCapture(0));
+    EXPECT_FALSE(hwl.InitCapture(0x7FFF));
+    hwl.ReleaseBuffer(b[1].handle);  // already free
+    hwl.ReleaseBuffer(-1);
+    vqxsim::Counters k = sim->counters();
+    EXPECT_EQ(2u, k.bad_captures);
+    EXPECT_EQ(2u, k.bad_releases);
+    EXPECT_EQ(3u, k.frames_delivered);
+    EXPECT_EQ(3u, k.vsyncs);
+    hwl.ReleaseBuffer(b[0].handle);
+    EXPECT_EQ(3u, sim->buffers_in(Buffer_state::free));
+}
+
+TEST(SimContract, FramesNeedSupplyWakeStreamingAndTransfer)
+{
+    auto sim = make_sim(step_config());
+    IHwl& hwl = *sim->hwl();
+    Vsync_log log;
+    start_streaming(hwl, log);
+    uint64_t n = 0;
+    IHwl::Image_buffer_pointers* b = hwl.GetImageBuffers(n);
+    ASSERT_TRUE(hwl.InitCapture(b[0].handle));
+
+    ASSERT_TRUE(hwl.ImagerPowerDown());  // standby
+    EXPECT_EQ(0u, sim->step(1, 30));
+    ASSERT_TRUE(hwl.ImagerPowerUp());
+    ASSERT_TRUE(hwl.StopScanning());  // transfer stopped
+    EXPECT_EQ(0u, sim->step(1, 30));
+    ASSERT_TRUE(hwl.StartScanning());
+    ASSERT_TRUE(write16(hwl, 0x301A, 0x30D8));  // not streaming
+    EXPECT_FALSE(sim->streaming());
+    EXPECT_EQ(0u, sim->step(1, 30));
+    uint16_t mode = 1;
+    ASSERT_TRUE(hwl.WriteReg(0x301C, &mode, 1));  // mode select streams too
+    EXPECT_TRUE(sim->streaming());
+    EXPECT_EQ(1u, sim->step(1));
+    EXPECT_EQ(std::vector<int>{b[0].handle}, log.take());
+
+    // Supply off: registers back to power-on values, no access, no frames.
+    ASSERT_TRUE(hwl.InitCapture(b[0].handle));
+    ASSERT_TRUE(hwl.ImagerPowerOff());
+    uint16_t v = 0;
+    EXPECT_FALSE(hwl.ReadReg(0x3012, &v, 2));
+    EXPECT_FALSE(write16(hwl, 0x301A, 0x30DC));
+    EXPECT_EQ(0u, sim->step(1, 30));
+    ASSERT_TRUE(hwl.ImagerPowerOn());
+    EXPECT_EQ(0x0010, read16(hwl, 0x3012));
+    EXPECT_FALSE(sim->streaming());
+}
+
+namespace {
+
+// Calls back into the simulator from its own callback thread.
+struct Reentrant {
+    IHwl* hwl = nullptr;
+    std::atomic<int> calls{0};
+    std::atomic<bool> other_thread{false};
+    std::thread::id test_thread;
+    static void vsync(int handle, void* self)
+    {
+        auto* r = static_cast<Reentrant*>(self);
+        uint16_t status = 0;
+        r->hwl->ReadReg(0x303C, &status, 2);
+        r->hwl->ReleaseBuffer(handle);
+        r->hwl->InitCapture(handle);
+        r->other_thread = std::this_thread::get_id() != r->test_thread;
+        ++r->calls;
+    }
+};
+
+struct Stop_probe {
+    std::atomic<int> calls{0};
+    static void done(void* self) { ++static_cast<Stop_probe*>(self)->calls; }
+    bool wait_for(int n, int ms)
+    {
+        for (int i = 0; i < ms && calls < n; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return calls >= n;
+    }
+};
+
+}  // namespace
+
+TEST(SimContract, CallbacksRunWithoutTheSimulatorLockAndStopPathsWork)
+{
+    auto sim = make_sim(step_config());
+    IHwl& hwl = *sim->hwl();
+    Vsync_log unused;
+    start_streaming(hwl, unused);
+    Reentrant r;
+    r.hwl = &hwl;
+    r.test_thread = std::this_thread::get_id();
+    ASSERT_TRUE(hwl.RegisterVsyncNotification(&Reentrant::vsync, &r));
+    uint64_t n = 0;
+    ASSERT_TRUE(hwl.InitCapture(hwl.GetImageBuffers(n)[1].handle));
+    EXPECT_EQ(3u, sim->step(3)) << "the callback re-arms its own buffer";
+    EXPECT_EQ(3, r.calls.load());
+    EXPECT_TRUE(r.other_thread);
+
+    // Immediate stop: true, and the callback is never made.
+    Stop_probe probe;
+    EXPECT_TRUE(hwl.RequestStopScanning(&Stop_probe::done, &probe));
+    EXPECT_EQ(1u, sim->step(1)) << "an armed capture still completes";
+    EXPECT_FALSE(probe.wait_for(1, 20));
+    EXPECT_EQ(0u, sim->counters().stop_confirmations);
+}
+
+TEST(SimContract, DeferredAndNeverConfirmedStops)
+{
+    vqxsim::Config c = step_config();
+    ASSERT_TRUE(c.faults.parse("defer_stop=10", nullptr));
+    auto deferred = make_sim(c);
+    Stop_probe probe;
+    EXPECT_FALSE(deferred->hwl()->RequestStopScanning(&Stop_probe::done, &probe));
+    EXPECT_TRUE(probe.wait_for(1, 2000));
+    EXPECT_FALSE(probe.wait_for(2, 30)) << "confirmed exactly once";
+    EXPECT_FALSE(deferred->hwl()->RequestStopScanning(nullptr, nullptr)) << "a null callback is skipped";
+    vqxsim::Counters k = deferred->counters();
+    EXPECT_EQ(2u, k.stop_requests);
+
+    vqxsim::Config never = step_config();
+    ASSERT_TRUE(never.faults.parse("never_confirm_stop", nullptr));
+    auto silent = make_sim(never);
+    Stop_probe quiet;
+    EXPECT_FALSE(silent->hwl()->RequestStopScanning(&Stop_probe::done, &quiet));
+    EXPECT_FALSE(quiet.wait_for(1, 40));
+}
+
+TEST(SimContract, GetConfigWritesOnlyInsideTheCallersSize)
+{
+    vqxsim::Config c = step_config();
+    c.capture_mode = 5;
+    c.variant = 2;
+    c.orientation = 180;
+    auto sim = make_sim(c);
+    IHwl::Config full{24, 3, 0, 7, 7};
+    sim->hwl()->GetConfig(&full);
+    EXPECT_EQ(5u, full.capture_mode);
+    EXPECT_EQ(2u | 180u << 16, full.engine_variant);
+    EXPECT_EQ(1u, full.imager_link);
+    EXPECT_EQ(42u, full.register_table);
+    IHwl::Config part{12, 3, 0xEE, 0xEE, 0xEE};
+    sim->hwl()->GetConfig(&part);
+    EXPECT_EQ(5u, part.capture_mode);
+    EXPECT_EQ(0xEEu, part.engine_variant);
+    sim->hwl()->GetConfig(nullptr);
+    EXPECT_STREQ("X7710", sim->hwl()->EngineType());
+    EXPECT_EQ(1280u, sim->hwl()->GetScanWidth());
+    EXPECT_EQ(800u, sim->hwl()->GetScanHeight());
+}
+
+TEST(SimContract, PsocRegistersLightsAndIdentity)
+{
+    vqxsim::Config c = step_config();
+    c.engine_id = 0x01020304;
+    c.serial = "SN12345";
+    c.revision_low = 7;
+    c.revision_high = 9;
+    c.aimer_offset[1] = 0x42;
+    auto sim = make_sim(c);
+    IHwl& hwl = *sim->hwl();
+    ASSERT_TRUE(hwl.IsPsocSupported());
+    unsigned char image[80];
+    ASSERT_TRUE(hwl.ReadIIC_PSOC(0, image, 80));
+    EXPECT_EQ(0, std::memcmp(image, "\x01\x02\x03\x04SN12345   ", 14));
+    EXPECT_EQ(0x42, image[0x1B]);
+    EXPECT_EQ(7, image[0x38]);
+    EXPECT_EQ(9, image[0x39]);
+    EXPECT_FALSE(hwl.ReadIIC_PSOC(79, image, 2)) << "past register 0x4F";
+    EXPECT_FALSE(hwl.ReadIIC_PSOC(0, nullptr, 1));
+
+    unsigned char lights = 0x0B;  // aimer, illumination, boost 2
+    ASSERT_TRUE(hwl.WriteIIC_PSOC(0x32, &lights, 1));
+    EXPECT_TRUE(sim->aimer());
+    EXPECT_TRUE(sim->illumination());
+    EXPECT_EQ(0x0B, sim->light_register());
+    unsigned char reset = 1;
+    ASSERT_TRUE(hwl.WriteIIC_PSOC(55, &reset, 1));
+    unsigned char back = 0xFF;
+    ASSERT_TRUE(hwl.ReadIIC_PSOC(55, &back, 1));
+    EXPECT_EQ(0, back) << "the command register reads 0";
+    std::vector<vqxsim::Psoc_write> writes = sim->psoc_writes();
+    ASSERT_EQ(2u, writes.size());
+    EXPECT_EQ(55, writes[1].address);
+    EXPECT_EQ(std::vector<uint8_t>{1}, writes[1].bytes);
+
+    ASSERT_TRUE(hwl.ImagerPowerOn());
+    ASSERT_TRUE(hwl.ImagerPowerOff());
+    EXPECT_EQ(0, sim->light_register()) << "lights go off with the supply";
+    EXPECT_TRUE(hwl.AimOn());
+    EXPECT_TRUE(sim->aimer());
+    EXPECT_TRUE(hwl.IllumConfig(3));
+    EXPECT_EQ(3u, sim->illum_config());
+
+    vqxsim::Config none = step_config();
+    none.psoc_fitted = false;
+    auto bare = make_sim(none);
+    EXPECT_FALSE(bare->hwl()->IsPsocSupported());
+    EXPECT_FALSE(bare->hwl()->ReadIIC_PSOC(0, image, 1));
+    EXPECT_FALSE(bare->hwl()->WriteIIC_PSOC(0x32, &lights, 1));
+}
+
+TEST(SimContract, InitHWLayerInstallationEnvironmentAndFrameInfo)
+{
+    auto sim = make_sim(step_config());
+    vqxsim::set_instance_for_InitHWLayer(sim->hwl());
+    EXPECT_EQ(sim->hwl(), InitHWLayer(nullptr));
+    vqxsim::set_instance_for_InitHWLayer(nullptr);
+
+    if (!vqxsim::environment_instance()) {
+        setenv("VQXSIM_ENGINE", "X5501", 1);
+        EXPECT_EQ(nullptr, InitHWLayer(nullptr)) << "engines without a model are refused";
+        setenv("VQXSIM_ENGINE", "X7710", 1);
+        setenv("VQXSIM_FPS", "fast", 1);
+        EXPECT_EQ(nullptr, InitHWLayer(nullptr)) << "a bad variable is refused";
+        unsetenv("VQXSIM_FPS");
+        IHwl* env = InitHWLayer(nullptr);
+        ASSERT_NE(nullptr, env);
+        EXPECT_EQ(env, InitHWLayer(nullptr));
+        EXPECT_STREQ("X7710", env->EngineType());
+        unsetenv("VQXSIM_ENGINE");
+    }
+
+    // The tools' frame information follows the frame in each buffer.
+    Vsync_log log;
+    start_streaming(*sim->hwl(), log, 75, 0x10);
+    const unsigned char* image = capture(*sim, 1);
+    struct vqxsim_frame_info info;
+    ASSERT_EQ(0, vqxsim_frame_info(image + 1000, &info));
+    vqxsim::Frame_record f = sim->frames().back();
+    EXPECT_EQ(75u, info.rows);
+    EXPECT_DOUBLE_EQ(f.exposure_us, info.exposure_us);
+    EXPECT_FLOAT_EQ(2.0f, info.gain);
+    EXPECT_EQ(0x10, info.gain_code);
+    EXPECT_EQ(0x80, info.digital_gain_code);
+    EXPECT_EQ(f.number, info.frame_number);
+    uint64_t n = 0;
+    EXPECT_EQ(-1, vqxsim_frame_info(sim->hwl()->GetImageBuffers(n)[0].image, &info)) << "never filled";
+    EXPECT_EQ(-1, vqxsim_frame_info(&info, &info));
+    EXPECT_EQ(-1, vqxsim_frame_info(image, nullptr));
+}
+
+TEST(SimContract, ConfigurationFromEnvironmentAndFaultLists)
+{
+    setenv("VQXSIM_FPS", "30", 1);
+    setenv("VQXSIM_BUFFERS", "6", 1);
+    setenv("VQXSIM_SCENE", "flat:17", 1);
+    setenv("VQXSIM_FORMAT", "qrcode", 1);
+    setenv("VQXSIM_FAULTS", "drop=5,stall_after=20,regfail_write=0.01,defer_stop=50,never_confirm_stop,storm", 1);
+    setenv("VQXSIM_ORIENTATION", "180", 1);
+    setenv("VQXSIM_REVISION", "3,4", 1);
+    setenv("VQXSIM_AIMER_OFFSET", "1,2,0x10,4", 1);
+    vqxsim::Config c;
+    std::string error;
+    bool ok = vqxsim::Config::from_environment(c, &error);
+    for (const char* v : {"VQXSIM_FPS", "VQXSIM_BUFFERS", "VQXSIM_SCENE", "VQXSIM_FORMAT", "VQXSIM_FAULTS",
+                          "VQXSIM_ORIENTATION", "VQXSIM_REVISION", "VQXSIM_AIMER_OFFSET"})
+        unsetenv(v);
+    ASSERT_TRUE(ok) << error;
+    EXPECT_EQ(30.0, c.fps);
+    EXPECT_EQ(6u, c.buffers);
+    EXPECT_EQ(vqxsim::Scene_kind::flat, c.scene);
+    EXPECT_EQ(17, c.flat_level);
+    EXPECT_EQ(vqxsim::Barcode_format::qr_code, c.format);
+    EXPECT_EQ(180, c.orientation);
+    EXPECT_EQ(3, c.revision_low);
+    EXPECT_EQ(4, c.revision_high);
+    EXPECT_EQ(0x10, c.aimer_offset[2]);
+    EXPECT_EQ(vqxsim::Trigger::Kind::nth, c.faults.drop.kind);
+    EXPECT_EQ(5u, c.faults.drop.n);
+    EXPECT_EQ(20u, c.faults.stall_after);
+    EXPECT_EQ(vqxsim::Trigger::Kind::probability, c.faults.regfail_write.kind);
+    EXPECT_EQ(50, c.faults.defer_stop_ms);
+    EXPECT_TRUE(c.faults.never_confirm_stop);
+    EXPECT_EQ(vqxsim::Trigger::Kind::always, c.faults.storm.kind);
+    EXPECT_FALSE(c.faults.duplicate.configured());
+
+    vqxsim::Trigger t;
+    EXPECT_TRUE(t.parse("*3") && t.kind == vqxsim::Trigger::Kind::every_nth && t.n == 3);
+    EXPECT_TRUE(t.parse("4+") && t.kind == vqxsim::Trigger::Kind::from_nth && t.n == 4);
+    for (const char* bad : {"0", "-1", "1.5", "*0", "x", "+"})
+        EXPECT_FALSE(t.parse(bad)) << bad;
+    vqxsim::Faults f;
+    EXPECT_FALSE(f.parse("explode=1", &error));
+    EXPECT_NE(std::string::npos, error.find("explode"));
+    EXPECT_FALSE(f.parse("stall_after", &error));
+
+    setenv("VQXSIM_BUFFERS", "0", 1);
+    EXPECT_FALSE(vqxsim::Config::from_environment(c, &error));
+    unsetenv("VQXSIM_BUFFERS");
+    EXPECT_NE(std::string::npos, error.find("VQXSIM_BUFFERS"));
+    std::unique_ptr<vqxsim::Simulator> none;
+    vqxsim::Config bad = step_config();
+    bad.scene = vqxsim::Scene_kind::image_file;
+    bad.image_file = "/nonexistent/scene.pgm";
+    EXPECT_EQ(nullptr, vqxsim::Simulator::create(bad, &error));
+    EXPECT_NE(std::string::npos, error.find("scene.pgm"));
+}

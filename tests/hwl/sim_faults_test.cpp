@@ -1,0 +1,215 @@
+// Every injected fault fires when, and only when, it is configured, and no
+// buffer is lost on the way.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "Simulator.h"
+#include "sim_harness.h"
+
+using namespace simtest;
+using vqxsim::Buffer_state;
+
+namespace {
+
+constexpr int H0 = 0x1001;
+
+// Four frames in step mode, arming buffer i before frame i and giving every
+// delivered buffer back; returns the vsync handles of each frame.
+std::vector<std::vector<int>> run_four_frames(vqxsim::Simulator& sim)
+{
+    IHwl& hwl = *sim.hwl();
+    Vsync_log log;
+    start_streaming(hwl, log);
+    std::vector<std::vector<int>> events;
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_TRUE(hwl.InitCapture(H0 + i));
+        EXPECT_EQ(1u, sim.step(1));
+        events.push_back(log.take());
+        for (int h : events.back())
+            if (sim.buffer_state(h) == Buffer_state::delivered)
+                hwl.ReleaseBuffer(h);
+    }
+    return events;
+}
+
+}  // namespace
+
+TEST(SimFaults, FrameFaultsFireOnlyOnTheirFrame)
+{
+    using E = std::vector<std::vector<int>>;
+    struct Case {
+        const char* faults;
+        E expected;
+    };
+    const Case cases[] = {
+        {"", E{{H0}, {H0 + 1}, {H0 + 2}, {H0 + 3}}},
+        {"drop=2", E{{H0}, {}, {H0 + 1}, {H0 + 2}}},  // the dropped buffer stays armed and fills next
+        {"zero_handle=2", E{{H0}, {H0 + 1, 0}, {H0 + 2}, {H0 + 3}}},
+        {"duplicate=2", E{{H0}, {H0 + 1, H0 + 1}, {H0 + 2}, {H0 + 3}}},
+        {"unknown_handle=2", E{{H0}, {H0 + 1, 0x0BAD}, {H0 + 2}, {H0 + 3}}},
+    };
+    for (const Case& k : cases) {
+        vqxsim::Config c = step_config();
+        ASSERT_TRUE(c.faults.parse(k.faults, nullptr));
+        auto sim = make_sim(c);
+        EXPECT_EQ(k.expected, run_four_frames(*sim)) << k.faults;
+        vqxsim::Counters n = sim->counters();
+        std::string f = k.faults;
+        EXPECT_EQ(f == "drop=2" ? 1u : 0u, n.frames_dropped) << f;
+        EXPECT_EQ(f == "zero_handle=2" ? 1u : 0u, n.zero_handle_events) << f;
+        EXPECT_EQ(f == "duplicate=2" ? 1u : 0u, n.duplicate_events) << f;
+        EXPECT_EQ(f == "unknown_handle=2" ? 1u : 0u, n.unknown_handle_events) << f;
+        EXPECT_EQ(0u, n.stalls + n.register_read_failures + n.register_write_failures + n.psoc_failures) << f;
+        std::vector<vqxsim::Frame_record> frames = sim->frames();
+        ASSERT_EQ(4u, frames.size());
+        EXPECT_EQ(f != "drop=2", frames[1].delivered);
+        // No buffer lost: only the re-armed dropped buffer is still out.
+        EXPECT_EQ(f == "drop=2" ? 1u : 0u, sim->buffers_in(Buffer_state::armed)) << f;
+        EXPECT_EQ(0u, sim->buffers_in(Buffer_state::delivered)) << f;
+    }
+}
+
+TEST(SimFaults, RegisterAndPsocFailures)
+{
+    vqxsim::Config c = step_config();
+    ASSERT_TRUE(c.faults.parse("regfail_write=2,regfail_read=*2,psocfail=1", nullptr));
+    auto sim = make_sim(c);
+    IHwl& hwl = *sim->hwl();
+    ASSERT_TRUE(hwl.ImagerPowerOn());
+    EXPECT_TRUE(write16(hwl, 0x3012, 11));
+    EXPECT_FALSE(write16(hwl, 0x3012, 22));
+    EXPECT_TRUE(write16(hwl, 0x3014, 33));
+    EXPECT_EQ(11, sim->reg(0x3012)) << "a failed write writes nothing";
+    uint16_t v = 0xAAAA;
+    EXPECT_TRUE(hwl.ReadReg(0x3012, &v, 2));
+    v = 0xAAAA;
+    EXPECT_FALSE(hwl.ReadReg(0x3012, &v, 2));
+    EXPECT_EQ(0xAAAA, v) << "a failed read reads nothing";
+    EXPECT_TRUE(hwl.ReadReg(0x3012, &v, 2));
+    EXPECT_FALSE(hwl.ReadReg(0x3012, &v, 2));
+    unsigned char byte = 0;
+    EXPECT_FALSE(hwl.ReadIIC_PSOC(0x32, &byte, 1));
+    EXPECT_TRUE(hwl.ReadIIC_PSOC(0x32, &byte, 1));
+    EXPECT_TRUE(hwl.WriteIIC_PSOC(0x32, &byte, 1));
+    vqxsim::Counters n = sim->counters();
+    EXPECT_EQ(1u, n.register_write_failures);
+    EXPECT_EQ(2u, n.register_read_failures);
+    EXPECT_EQ(1u, n.psoc_failures);
+
+    // Probabilities are reproducible under a seed.
+    auto pattern = [](uint64_t seed) {
+        vqxsim::Config p = step_config();
+        p.seed = seed;
+        p.faults.regfail_write = vqxsim::Trigger::with_probability(0.5);
+        auto s = make_sim(p);
+        s->hwl()->ImagerPowerOn();
+        std::vector<bool> ok;
+        for (int i = 0; i < 200; ++i)
+            ok.push_back(write16(*s->hwl(), 0x3012, uint16_t(i)));
+        return ok;
+    };
+    std::vector<bool> a = pattern(7);
+    EXPECT_EQ(a, pattern(7));
+    EXPECT_NE(a, pattern(8));
+    auto failures = std::count(a.begin(), a.end(), false);
+    EXPECT_GT(failures, 60);
+    EXPECT_LT(failures, 140);
+}
+
+TEST(SimFaults, StallAfterFramesAndTheDriversRecovery)
+{
+    vqxsim::Config c = step_config();
+    c.faults.stall_after = 2;
+    auto sim = make_sim(c);
+    IHwl& hwl = *sim->hwl();
+    Vsync_log log;
+    start_streaming(hwl, log);
+    for (int i = 0; i < 2; ++i) {
+        capture(*sim, unsigned(i));
+        hwl.ReleaseBuffer(H0 + i);
+    }
+    ASSERT_TRUE(hwl.InitCapture(H0));
+    EXPECT_EQ(0u, sim->step(1, 30));
+    EXPECT_TRUE(sim->stalled());
+    uint16_t status = read16(hwl, 0x303C);
+    EXPECT_EQ(0x0008, status & 0x000A) << "streaming with the PLL locked";
+    uint16_t frames = read16(hwl, 0x303A);
+    EXPECT_EQ(0x0100, read16(hwl, 0x306A));
+    ASSERT_TRUE(write16(hwl, 0x301A, 0x30DC));
+    EXPECT_EQ(0u, sim->step(1, 20)) << "rewriting the stream bit alone does not help";
+    EXPECT_EQ(frames, read16(hwl, 0x303A));
+
+    // check_stall's last try: stop, restart the transfer, restart streaming.
+    EXPECT_TRUE(hwl.RequestStopScanning(nullptr, nullptr));
+    ASSERT_TRUE(hwl.StopScanning());
+    ASSERT_TRUE(hwl.StartScanning());
+    ASSERT_TRUE(write16(hwl, 0x301A, 0x185C));
+    ASSERT_TRUE(write16(hwl, 0x301A, 0x085C));
+    EXPECT_FALSE(sim->stalled());
+    EXPECT_EQ(0, read16(hwl, 0x306A));
+    EXPECT_EQ(1u, sim->step(1)) << "the armed buffer fills after recovery";
+    hwl.ReleaseBuffer(H0);
+    capture(*sim, 1);
+    EXPECT_EQ(1u, sim->counters().stalls) << "the stall happens once";
+    hwl.ReleaseBuffer(H0 + 1);
+    EXPECT_EQ(4u, sim->buffers_in(Buffer_state::free));
+}
+
+TEST(SimFaults, FirstFrameDelay)
+{
+    vqxsim::Config c = step_config();
+    c.faults.first_frame_delay_ms = 60;
+    auto sim = make_sim(c);
+    Vsync_log log;
+    start_streaming(*sim->hwl(), log);
+    ASSERT_TRUE(sim->hwl()->InitCapture(H0));
+    EXPECT_EQ(0u, sim->step(1, 10));
+    EXPECT_EQ(1u, sim->step(1, 2000));
+    ASSERT_TRUE(sim->hwl()->InitCapture(H0));
+    EXPECT_EQ(1u, sim->step(1, 40)) << "only the first frame of a stream is late";
+}
+
+namespace {
+
+struct Rearm {
+    IHwl* hwl;
+    static void vsync(int handle, void* self)
+    {
+        IHwl* hwl = static_cast<Rearm*>(self)->hwl;
+        hwl->ReleaseBuffer(handle);
+        hwl->InitCapture(handle);
+    }
+};
+
+// Median gap between consecutive frames in real time, in microseconds.
+uint64_t median_gap_us(const char* faults)
+{
+    vqxsim::Config c;
+    c.fps = 50;
+    c.render = vqxsim::Render_mode::none;
+    EXPECT_TRUE(c.faults.parse(faults, nullptr));
+    auto sim = make_sim(c);
+    Vsync_log unused;
+    start_streaming(*sim->hwl(), unused);
+    Rearm rearm{sim->hwl()};
+    sim->hwl()->RegisterVsyncNotification(&Rearm::vsync, &rearm);
+    sim->hwl()->InitCapture(H0);
+    EXPECT_EQ(7u, sim->step(7, 3000));
+    sim->shutdown();
+    std::vector<vqxsim::Frame_record> f = sim->frames();
+    std::vector<uint64_t> gaps;
+    for (size_t i = 1; i < f.size(); ++i)
+        gaps.push_back(f[i].time_us - f[i - 1].time_us);
+    std::sort(gaps.begin(), gaps.end());
+    return gaps.empty() ? 0 : gaps[gaps.size() / 2];
+}
+
+}  // namespace
+
+TEST(SimFaults, StormRunsFramesTenTimesFaster)
+{
+    EXPECT_GE(median_gap_us(""), 15000u) << "50 frames a second";
+    EXPECT_LT(median_gap_us("storm"), 12000u);
+}

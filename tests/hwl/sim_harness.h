@@ -1,0 +1,95 @@
+// sim_harness.h: helpers for the simulator tests: a step-mode instance, an
+// AR0144 bring-up as the engine trait does it, and a vsync recorder.
+#ifndef VQX_TESTS_SIM_HARNESS_H
+#define VQX_TESTS_SIM_HARNESS_H
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "Simulator.h"
+
+namespace simtest {
+
+/// Records vsync callbacks (handle and thread).
+struct Vsync_log {
+    std::mutex mutex;
+    std::vector<int> handles;
+    std::vector<std::thread::id> threads;
+
+    static void callback(int handle, void* context)
+    {
+        auto* log = static_cast<Vsync_log*>(context);
+        std::lock_guard<std::mutex> hold(log->mutex);
+        log->handles.push_back(handle);
+        log->threads.push_back(std::this_thread::get_id());
+    }
+    std::vector<int> take()
+    {
+        std::lock_guard<std::mutex> hold(mutex);
+        std::vector<int> h;
+        h.swap(handles);
+        return h;
+    }
+};
+
+inline vqxsim::Config step_config(vqxsim::Render_mode render = vqxsim::Render_mode::fast)
+{
+    vqxsim::Config c;
+    c.real_time = false;
+    c.render = render;
+    return c;
+}
+
+inline std::unique_ptr<vqxsim::Simulator> make_sim(const vqxsim::Config& c)
+{
+    std::string error;
+    std::unique_ptr<vqxsim::Simulator> sim = vqxsim::Simulator::create(c, &error);
+    EXPECT_TRUE(sim) << error;
+    return sim;
+}
+
+inline bool write16(IHwl& hwl, unsigned address, uint16_t value) { return hwl.WriteReg(address, &value, 2); }
+
+inline uint16_t read16(IHwl& hwl, unsigned address)
+{
+    uint16_t v = 0xDEAD;
+    EXPECT_TRUE(hwl.ReadReg(address, &v, 2)) << std::hex << address;
+    return v;
+}
+
+/// Supply, wake, PLL and exposure as the engine's table sets them, vsync
+/// registration, transfer start and streaming.
+inline void start_streaming(IHwl& hwl, Vsync_log& log, uint16_t rows = 50, uint16_t analog_gain = 0)
+{
+    ASSERT_TRUE(hwl.ImagerPowerOn());
+    ASSERT_TRUE(hwl.ImagerPowerUp());
+    uint16_t pll[] = {4, 2, 1, 0x4A};  // 0x302A, 0x302C, 0x302E, 0x3030: 74 MHz
+    ASSERT_TRUE(hwl.WriteReg(0x302A, pll, sizeof pll));
+    ASSERT_TRUE(write16(hwl, 0x300C, 1492));
+    ASSERT_TRUE(write16(hwl, 0x3012, rows));
+    ASSERT_TRUE(write16(hwl, 0x3014, 0));
+    ASSERT_TRUE(write16(hwl, 0x3060, analog_gain));
+    ASSERT_TRUE(hwl.RegisterVsyncNotification(&Vsync_log::callback, &log));
+    ASSERT_TRUE(hwl.StartScanning());
+    ASSERT_TRUE(write16(hwl, 0x301A, 0x30DC));
+}
+
+inline IHwl::Image_buffer_pointers* buffers(IHwl& hwl, uint64_t& count) { return hwl.GetImageBuffers(count); }
+
+/// Arms buffer @p index and steps one frame; returns the frame's image.
+inline const unsigned char* capture(vqxsim::Simulator& sim, unsigned index = 0)
+{
+    uint64_t n = 0;
+    IHwl::Image_buffer_pointers* b = sim.hwl()->GetImageBuffers(n);
+    EXPECT_TRUE(sim.hwl()->InitCapture(b[index].handle));
+    EXPECT_EQ(1u, sim.step(1));
+    return b[index].image;
+}
+
+}  // namespace simtest
+
+#endif
