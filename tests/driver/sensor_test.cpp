@@ -1,0 +1,93 @@
+// Sensor: exposure conformity, stop after image, starting exposure and the
+// settings it applies.
+#include "stream_fixture.h"
+
+#include <cstring>
+
+// Frames missing the target are discarded up to the tries limit; later
+// misses are kept too (the count is not reset); a hit resets it.
+TEST_F(Stream_test, ConformityDiscardsFramesUpToTheTriesLimit)
+{
+    exposure.conform_image = 1;
+    exposure.conform_tries = 2;  // target 120, gap 40
+    start(0);
+    const struct { unsigned white; bool kept; unsigned count; } cases[] = {
+        {10, false, 1}, {200, false, 2}, {10, true, 2}, {161, true, 2}, {80, true, 0}, {10, false, 1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.white);
+        controller.white = c.white;
+        vsync(101);
+        EXPECT_EQ(c.kept, available_now() == record(0));
+        EXPECT_EQ(c.kept ? 0u : 1u, record(0)->attributes.discarded);
+        EXPECT_EQ(c.count, vsensor().get_lock()->get_nonconform_cnt());
+        // A kept frame goes to the client and back; a withdrawn one went
+        // back at once. Either way 101 is armed again.
+        if (c.kept)
+            client_unlock(client_take());
+        EXPECT_EQ(record(0), vstream().get_lock()->filling());
+    }
+}
+
+TEST_F(Stream_test, ConformityLimitsAndWrapAround)
+{
+    exposure.conform_image = 1;
+    exposure.conform_tries = 0;  // a miss is kept at once
+    start(0);
+    controller.white = 0;
+    vsync(101);
+    EXPECT_EQ(record(0), available_now());
+    EXPECT_EQ(1u, hwl.log.count("update_contrast(0,1000)"));
+    client_unlock(client_take());
+
+    // Target 10, gap 20: the lower bound would wrap, so nothing below the
+    // target misses; above it, 31 does.
+    exposure.conform_tries = 5;
+    exposure.target_value = 10;
+    exposure.target_accept_gap = 20;
+    stop_and_drain();
+    ASSERT_TRUE(stream->start_scanning(lights, exposure, false));
+    for (unsigned white : {0u, 30u, 31u}) {
+        controller.white = white;
+        vsync(101);
+        EXPECT_EQ(white != 31, available_now() == record(0)) << white;
+        client_unlock(client_take());
+    }
+    // Exposure method below 2: the sampler gets no image and no frame is
+    // judged.
+    exposure.exposure_method = 1;
+    stop_and_drain();
+    ASSERT_TRUE(stream->start_scanning(lights, exposure, false));
+    vsync(101);
+    EXPECT_EQ(record(0), available_now());
+    EXPECT_EQ(nullptr, controller.image_at_sample.load());
+}
+
+TEST_F(Stream_test, StopAfterImageEndsTheScanAtTheFirstGoodFrame)
+{
+    start(0, true);
+    vsync(101);
+    EXPECT_NE(std::string::npos, calls().find("RequestStopScanning"));
+    EXPECT_EQ(IStream_driver::STOPPED, state());
+    EXPECT_EQ(0u, hwl.log.count_prefix("update_contrast"));  // no exposure update
+}
+
+// The first scan lets the trait choose its starting point; later scans start
+// from the contrast the previous one ended with. The settings replace the
+// controller's whole record.
+TEST_F(Stream_test, StartingExposureCarriesTheLastContrast)
+{
+    exposure.target_value = 77;
+    exposure.last_field = 1234;
+    start(4);
+    EXPECT_EQ(0, memcmp(&exposure, &controller.settings, sizeof exposure));
+    EXPECT_EQ(1000u, vsensor().get_lock()->get_contrast());  // the trait's choice
+    trait.next_contrast = 777;
+    vsync(101);
+    EXPECT_EQ(777u, vsensor().get_lock()->get_contrast());
+    ASSERT_TRUE(stream->stop_scanning());
+    calls();
+    lights.scanning_mode = 3;
+    ASSERT_TRUE(stream->start_scanning(lights, exposure, false));
+    EXPECT_NE(std::string::npos,
+              calls().find("change_lights(3) set_starting_exposure_gain(777) set_starting_exposure_gain "));
+}

@@ -1,0 +1,238 @@
+// Test bed for the stream driver, the sensor and the state manager: a
+// Fake_hwl with three 8 x 12 frames (handles 101-103), a Script_trait, a
+// recording exposure controller, the real Sensor, Buffer_locker,
+// Available_buffer, Progress_tracker, Stream_driver (built per test with its
+// capture mode) and State_manager, wired into a private Scan_driver that
+// the_scan_driver points at. dbg_output texts are collected. TearDown stops
+// a running scan and checks that every buffer the driver armed or received
+// went back to the hardware layer.
+#ifndef VQX_TESTS_STREAM_FIXTURE_H
+#define VQX_TESTS_STREAM_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Available_buffer.h"
+#include "Buffer_locker.h"
+#include "Diagnostics.h"
+#include "Progress_tracker.h"
+#include "Scan_driver.h"
+#include "Script_trait.h"
+#include "Sensor.h"
+#include "State_manager.h"
+#include "Stream_driver.h"
+
+// Counts dbg_output texts containing a part, while it exists.
+class Output_capture {
+public:
+    Output_capture() { set_dbg_output_hook(&hook); }
+    ~Output_capture() { set_dbg_output_hook(nullptr); texts().clear(); }
+    static size_t count(const std::string& part)
+    {
+        std::lock_guard<std::mutex> lock(mutex());
+        size_t n = 0;
+        for (const auto& t : texts())
+            n += t.find(part) != std::string::npos;
+        return n;
+    }
+
+private:
+    static void hook(const char* text)
+    {
+        std::lock_guard<std::mutex> lock(mutex());
+        texts().push_back(text);
+    }
+    static std::mutex& mutex() { static std::mutex m; return m; }
+    static std::vector<std::string>& texts() { static std::vector<std::string> t; return t; }
+};
+
+class Stream_test : public ::testing::Test {
+public:
+    typedef std::vector<std::string> Calls;
+
+protected:
+    static constexpr unsigned int width = 8;
+    static constexpr unsigned int height = 12;
+
+    Stream_test() : trait((hwl.set_buffers(3, width, height), hwl)), controller(hwl.log) {}
+
+    void SetUp() override
+    {
+        saved = the_scan_driver;
+        driver.exposure_controller = &controller;
+        driver.sensor = &sensor;
+        driver.trait = &trait;
+        driver.buffer_locker = &locker;
+        driver.available_buffer = &available;
+        driver.progress_tracker = &tracker;
+        driver.capabilities.size = sizeof(driver.capabilities);
+        trait.get_capabilities(driver.capabilities);
+        the_scan_driver = &driver;
+        lights.size = sizeof lights;
+        lights.scanning_mode = 5;
+    }
+
+    void TearDown() override
+    {
+        if (stream) {
+            stop_and_drain();
+            expect_buffers_returned();
+        }
+        state_manager.reset();
+        stream.reset();  // cancels its alarms before the_scan_driver changes
+        the_scan_driver = saved;
+        driver.exposure_controller = nullptr;  // the objects belong to the fixture
+        driver.sensor = nullptr;
+        driver.trait = nullptr;
+        driver.stream_driver = nullptr;
+        driver.buffer_locker = nullptr;
+        driver.available_buffer = nullptr;
+        driver.progress_tracker = nullptr;
+        driver.state_manager = nullptr;
+    }
+
+    void make_stream(unsigned int mode)
+    {
+        stream.reset(new Stream_driver(&sensor, mode));
+        driver.stream_driver = stream.get();
+        trait.register_frame_notifications(&IStream_driver::vsync_ist,
+                                           static_cast<IStream_driver*>(stream.get()));
+    }
+    void make_state_manager()
+    {
+        state_manager.reset(new State_manager());
+        driver.state_manager = state_manager.get();
+    }
+    // Builds the stream driver and starts a scan; the log holds the start.
+    void start(unsigned int mode, bool stop_after_image = false)
+    {
+        make_stream(mode);
+        hwl.log.clear();
+        ASSERT_TRUE(stream->start_scanning(lights, exposure, stop_after_image));
+    }
+
+    // The hardware's frame event for @p handle, marked in the log.
+    void vsync(int handle)
+    {
+        hwl.log.record("vsync(%d)", handle);
+        hwl.fire_vsync(handle);
+    }
+    // Overwrites frame @p index as the transfer hardware does.
+    void fill(size_t index, unsigned char value)
+    {
+        for (size_t i = 0; i < size_t(width) * height; ++i)
+            __atomic_store_n(hwl.frame(index) + i, value, __ATOMIC_RELAXED);
+    }
+
+    // The log since the last call, as one space-separated text; clears it.
+    std::string calls()
+    {
+        std::string text;
+        for (const auto& c : hwl.log.entries())
+            text += (text.empty() ? "" : " ") + c;
+        hwl.log.clear();
+        return text;
+    }
+    bool wait_for_call(const std::string& entry, unsigned ms = 2000)
+    {
+        return wait_until([&] { return hwl.log.count(entry) > 0; }, ms);
+    }
+    template <class F>
+    static bool wait_until(F done, unsigned ms = 2000)
+    {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > end)
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return true;
+    }
+
+    // Runs @p f with the sensor's monitor held and returns its result.
+    template <class F>
+    auto locked(F f) -> decltype(f())
+    {
+        auto lock = vsensor().get_lock();
+        return f();
+    }
+
+    IStream_driver::Scan_state_t state() { return stream->scan_state(); }
+    bool stalled() { return stream->stalled(); }
+    Stream_driver volatile& vstream() { return *stream; }
+    Available_buffer volatile& vavailable() { return available; }
+    Buffer_locker volatile& vlocker() { return locker; }
+    Sensor volatile& vsensor() { return sensor; }
+    ScanBufferInfo* record(size_t i) { return &locker.get_buffer_ary()[i]; }
+    ScanBufferInfo* available_now() { return vavailable().peek_available(); }
+    // Takes the waiting frame for the client (null when none waits).
+    ScanBufferInfo* client_take()
+    {
+        return available_now() != nullptr ? vavailable().get_available(true) : nullptr;
+    }
+    bool client_unlock(ScanBufferInfo* info) { return vlocker().UnlockBuffer(info, ScanBufferInfo::CLIENT); }
+    bool client_lock(size_t i) { return vlocker().LockBuffer(record(i), ScanBufferInfo::CLIENT); }
+
+    // Stops a running scan, confirms a deferred stop and completes pending
+    // captures (a mode 6 snapshot fills the first buffer) until STOPPED.
+    void stop_and_drain()
+    {
+        if (state() == IStream_driver::SCANNING)
+            stream->stop_scanning();
+        void* context = nullptr;
+        if (Sensor_trait::Stop_callback confirm = trait.take_pending_stop(context))
+            confirm(context);
+        for (int i = 0; i < 3 && state() == IStream_driver::STOPPING; ++i) {
+            ScanBufferInfo* filling = vstream().get_lock()->filling();
+            if (vstream().get_lock()->get_pending_captures() > 0)
+                vsync(filling != nullptr ? filling->pointers.handle : 101);
+        }
+        EXPECT_TRUE(stream->wait_for_stop_scanning(3000));
+    }
+
+    // Every record is free, and each handle armed or delivered was released
+    // to the hardware layer after its last use.
+    void expect_buffers_returned()
+    {
+        size_t n = 0;
+        ScanBufferInfo* records = vlocker().get_buffer_ary(n);
+        for (size_t i = 0; i < n; ++i)
+            EXPECT_TRUE(records[i].lock_cnt == 0 && records[i].owner == ScanBufferInfo::NONE) << i;
+        const Calls log = hwl.log.entries();
+        for (const auto& b : hwl.buffers) {
+            const std::string h = "(" + std::to_string(b.handle) + ")";
+            long touched = -1, released = -1;
+            for (size_t i = 0; i < log.size(); ++i) {
+                if (log[i] == "init_capture" + h || log[i] == "vsync" + h)
+                    touched = static_cast<long>(i);
+                if (log[i] == "ReleaseBuffer" + h)
+                    released = static_cast<long>(i);
+            }
+            EXPECT_GE(released, touched) << "handle " << b.handle << " not returned";
+        }
+    }
+
+    Output_capture output;
+    Fake_hwl hwl;
+    Script_trait trait;
+    Script_controller controller;
+    Sensor sensor;
+    Buffer_locker locker{&sensor};
+    Available_buffer available{sensor.monitor_base()};
+    Progress_tracker tracker;
+    std::unique_ptr<Stream_driver> stream;
+    std::unique_ptr<State_manager> state_manager;
+    Scan_driver driver;
+    Scan_driver* saved = nullptr;
+    _tagVQX_SCANNER_LIGHTING lights{};
+    Exposure_settings exposure;
+};
+
+#endif

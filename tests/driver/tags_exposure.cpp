@@ -1,0 +1,193 @@
+// Exposure tags: the table, the unit conversions and the transfer of
+// (tag, value) pairs to and from a session's settings.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstring>
+#include <vector>
+
+#include "Exposure_settings.h"
+#include "Exposure_tags.h"
+#include "scan_session.h"
+
+namespace {
+
+// A session that only keeps exposure settings and counts the transfers.
+class Settings_session : public Scan_session {
+public:
+    bool Get_exposure(Exposure_settings& out) const override
+    {
+        ++gets;
+        out = settings;
+        return true;
+    }
+    bool Set_exposure(const Exposure_settings& in) override
+    {
+        ++sets;
+        settings = in;
+        return false;  // the tag functions report 1 whatever this says
+    }
+
+    Exposure_settings settings;
+    mutable int gets = 0;
+    int sets = 0;
+};
+
+std::vector<unsigned int> set_and_get(Settings_session& session, std::vector<unsigned int> set,
+                                      std::vector<unsigned int> get)
+{
+    EXPECT_EQ(1u, ExposureSetTags(&session, set.data(), static_cast<unsigned>(set.size() * 4)));
+    EXPECT_EQ(1u, ExposureGetTags(&session, get.data(), static_cast<unsigned>(get.size() * 4)));
+    return get;
+}
+
+TEST(ExposureTags, TableRowsInSearchOrderWithTheirFields)
+{
+    struct Row { unsigned tag; size_t offset; bool ignored; bool converts; };
+    const Row expected[] = {
+        {0, 8, false, false},   {1, 12, false, false},  {2, 16, false, false}, {3, 20, false, false},
+        {4, 24, false, true},   {5, 28, false, true},   {8, 40, false, false}, {9, 44, false, false},
+        {10, 48, false, false}, {11, 52, false, false}, {12, 56, false, false}, {13, 60, false, false},
+        {19, 0, true, false},   {14, 68, false, true},  {15, 72, false, true}, {16, 40, false, false},
+        {17, 64, false, false}, {18, 0, true, false},   {20, 24, false, false}, {21, 28, false, false},
+        {22, 68, false, false}, {23, 72, false, false},
+    };
+    ASSERT_EQ(sizeof expected / sizeof expected[0], exposure_tag_count);
+    for (unsigned long i = 0; i < exposure_tag_count; ++i) {
+        const tag_entry_t& row = exposure_tag_table[i];
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(expected[i].tag, row.tag);
+        EXPECT_EQ(expected[i].ignored, row.ignored);
+        if (!row.ignored)
+            EXPECT_EQ(expected[i].offset, row.offset);
+        EXPECT_EQ(expected[i].converts, row.on_set != nullptr);
+        EXPECT_EQ(expected[i].converts, row.on_get != nullptr);
+    }
+}
+
+TEST(ExposureTags, FindTagEntry)
+{
+    EXPECT_EQ(nullptr, find_tag_entry(exposure_tag_table, 0, 0));
+    EXPECT_EQ(nullptr, find_tag_entry(exposure_tag_table, exposure_tag_count, 6));
+    EXPECT_EQ(nullptr, find_tag_entry(exposure_tag_table, exposure_tag_count, 7));
+    EXPECT_EQ(nullptr, find_tag_entry(exposure_tag_table, exposure_tag_count, 24));
+    const tag_entry_t* last = find_tag_entry(exposure_tag_table, exposure_tag_count, ES_FIXED_GAIN_256);
+    ASSERT_NE(nullptr, last);
+    EXPECT_EQ(&exposure_tag_table[exposure_tag_count - 1], last);
+    // A count that stops short of a row does not find it.
+    EXPECT_EQ(nullptr, find_tag_entry(exposure_tag_table, exposure_tag_count - 1, ES_FIXED_GAIN_256));
+
+    // The first matching row wins.
+    const tag_entry_t twice[] = {{"first", 7, 8, false, nullptr, nullptr},
+                                 {"second", 7, 12, false, nullptr, nullptr}};
+    EXPECT_EQ(&twice[0], find_tag_entry(twice, 2, 7));
+}
+
+TEST(ExposureTags, ConversionsSaturateAtTheirLimits)
+{
+    EXPECT_EQ(12700u, exposure_units_to_us(100));
+    EXPECT_EQ(4294967153u, exposure_units_to_us(33818639));
+    EXPECT_EQ(4294967280u, exposure_units_to_us(33818640));
+    EXPECT_EQ(4294967280u, exposure_units_to_us(0xFFFFFFFFu));
+    EXPECT_EQ(100u, exposure_us_to_units(12799));
+    EXPECT_EQ(101u, exposure_us_to_units(12827));
+    EXPECT_EQ(0u, exposure_us_to_units(126));
+
+    EXPECT_EQ(1024u, gain_whole_to_256(4));
+    EXPECT_EQ(16777214u * 256u, gain_whole_to_256(16777214));
+    EXPECT_EQ(4294967040u, gain_whole_to_256(16777215));
+    EXPECT_EQ(4294967040u, gain_whole_to_256(0xFFFFFFFFu));
+    EXPECT_EQ(4u, gain_256_to_whole(1279));
+    EXPECT_EQ(0xFFFFFFu, gain_256_to_whole(0xFFFFFFFFu));
+}
+
+TEST(ExposureTags, SetStoresInRecordUnitsAndGetConvertsBack)
+{
+    Settings_session session;
+    auto got = set_and_get(session, {ES_MAX_EXP, 100, ES_FIXED_GAIN, 4},
+                           {ES_MAX_EXP_US, 1, ES_MAX_EXP, 1, ES_FIXED_GAIN_256, 1, ES_FIXED_GAIN, 1});
+    EXPECT_EQ(12700u, session.settings.max_exposure);
+    EXPECT_EQ(1024u, session.settings.fixed_gain);
+    EXPECT_EQ((std::vector<unsigned>{ES_MAX_EXP_US, 12700, ES_MAX_EXP, 100, ES_FIXED_GAIN_256, 1024,
+                                     ES_FIXED_GAIN, 4}),
+              got);
+
+    got = set_and_get(session, {ES_MAX_EXP_US, 12799, ES_FIXED_GAIN, 16777215, ES_FIXED_EXP, 240},
+                      {ES_MAX_EXP, 0, ES_FIXED_GAIN_256, 0, ES_FIXED_EXP_US, 0});
+    EXPECT_EQ((std::vector<unsigned>{ES_MAX_EXP, 100, ES_FIXED_GAIN_256, 4294967040u, ES_FIXED_EXP_US,
+                                     30480}),
+              got);
+}
+
+TEST(ExposureTags, LaterPairWinsAndSharedFieldsAlias)
+{
+    Settings_session session;
+    auto got = set_and_get(session, {ES_FRAME_RATE, 15, ES_FIXED_FRAME_RATE, 20, ES_MAX_GAIN, 2, ES_MAX_GAIN_256, 700},
+                           {ES_FRAME_RATE, 0, ES_FIXED_FRAME_RATE, 0, ES_MAX_GAIN_256, 0, ES_MAX_GAIN, 0});
+    EXPECT_EQ((std::vector<unsigned>{ES_FRAME_RATE, 20, ES_FIXED_FRAME_RATE, 20, ES_MAX_GAIN_256, 700,
+                                     ES_MAX_GAIN, 2}),
+              got);
+}
+
+TEST(ExposureTags, PlainTagsReachTheirFieldsAndNothingElse)
+{
+    Settings_session session;
+    const Exposure_settings before = session.settings;
+    set_and_get(session,
+                {ES_EXPOSURE_METHOD, 1, ES_TARGET_VALUE, 90, ES_TARGET_PERCENTILE, 95, ES_TARGET_ACCEPT_GAP, 10,
+                 ES_CONFORM_IMAGE, 1, ES_CONFORM_TRIES, 3, ES_SPECULAR_EXCLUSION, 1, ES_SPECULAR_SAT, 200,
+                 ES_SPECULAR_LIMIT, 5, ES_ADJUST_EXP_WHEN_ILLUM_OFF, 0},
+                {});
+    const Exposure_settings& s = session.settings;
+    EXPECT_EQ(1u, s.exposure_method);
+    EXPECT_EQ(90u, s.target_value);
+    EXPECT_EQ(95u, s.target_percentile);
+    EXPECT_EQ(10u, s.target_accept_gap);
+    EXPECT_EQ(1u, s.conform_image);
+    EXPECT_EQ(3u, s.conform_tries);
+    EXPECT_EQ(1u, s.specular_exclusion);
+    EXPECT_EQ(200u, s.specular_saturation);
+    EXPECT_EQ(5u, s.specular_limit);
+    EXPECT_EQ(0u, s.adjust_exp_when_illum_off);
+    // Fields no tag names are untouched.
+    EXPECT_EQ(before.size, s.size);
+    EXPECT_EQ(before.mode, s.mode);
+    EXPECT_EQ(before.start_exposure, s.start_exposure);
+    EXPECT_EQ(before.start_gain, s.start_gain);
+    EXPECT_EQ(before.last_field, s.last_field);
+}
+
+TEST(ExposureTags, UnknownAndIgnoredTagsAreSkippedAndReadZero)
+{
+    Settings_session session;
+    const Exposure_settings before = session.settings;
+    auto got = set_and_get(session, {6, 5, 7, 5, ES_FAST_START, 5, ES_DECODE_PARAMETER, 5, 99, 5},
+                           {6, 9, ES_FAST_START, 9, ES_DECODE_PARAMETER, 9, 1000, 9, ES_TARGET_VALUE, 9});
+    EXPECT_EQ(0, std::memcmp(&before, &session.settings, sizeof before));
+    EXPECT_EQ((std::vector<unsigned>{6, 0, ES_FAST_START, 0, ES_DECODE_PARAMETER, 0, 1000, 0, ES_TARGET_VALUE,
+                                     120}),
+              got);
+}
+
+TEST(ExposureTags, SizeCountsWholePairsAndZeroStillWritesBack)
+{
+    Settings_session session;
+    unsigned int pairs[] = {ES_TARGET_VALUE, 50, ES_TARGET_PERCENTILE, 60};
+    // 15 bytes: one whole pair; the rest is ignored.
+    EXPECT_EQ(1u, ExposureSetTags(&session, pairs, 15));
+    EXPECT_EQ(50u, session.settings.target_value);
+    EXPECT_EQ(97u, session.settings.target_percentile);
+
+    const int sets = session.sets;
+    EXPECT_EQ(1u, ExposureSetTags(&session, pairs, 0));
+    EXPECT_EQ(sets + 1, session.sets);
+    EXPECT_EQ(50u, session.settings.target_value);
+
+    // Reading 12 bytes fills only the first pair's value.
+    unsigned int out[] = {ES_TARGET_VALUE, 7, ES_TARGET_PERCENTILE, 7};
+    EXPECT_EQ(1u, ExposureGetTags(&session, out, 12));
+    EXPECT_EQ(50u, out[1]);
+    EXPECT_EQ(7u, out[3]);
+}
+
+} // namespace

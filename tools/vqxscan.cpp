@@ -1,0 +1,403 @@
+// vqxscan: scans one barcode through the library's C interface.
+//
+// Opens a session (on whatever hardware layer libLmoKil.so provides: the
+// simulator unless a real one is installed), sets the lights, starts
+// scanning, pulls frames with VQXSI_GetNewScan and decodes each with
+// zxing-cpp until a barcode is read, a frame limit is reached or the time-out
+// passes. Every frame is given back; scanning is stopped and the session
+// closed on every path. Per frame it prints the brightness computed from the
+// pixels and, when the hardware layer is the simulator, the exposure and gain
+// the frame was really taken with.
+//
+// Options that configure the simulator are handed to it through its VQXSIM_*
+// environment variables, set before the first open.
+#include <VQXScanInterface.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+#include "vqxscan_decode.h"
+#include "vqxscan_image.h"
+#include "vqxscan_json.h"
+#include "vqxscan_sim.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Exit codes (also listed by --help).
+enum Exit_code {
+    EXIT_DECODED = 0,
+    EXIT_NOT_DECODED = 1,
+    EXIT_USAGE = 2,
+    EXIT_NO_ENGINE = 3,
+    EXIT_SCAN_FAILED = 4,
+    EXIT_SAVE_FAILED = 5,
+};
+
+const char usage_text[] =
+    "Usage: vqxscan [options]\n"
+    "Scans one barcode with the scan engine and prints what was read.\n"
+    "\n"
+    "Options:\n"
+    "  --frames N          stop after N frames (default 0: no limit)\n"
+    "  --timeout MS        stop when no barcode was read after MS ms (default 5000)\n"
+    "  --lights MODE       lights while scanning: off, aimer, illumination, both,\n"
+    "                      or a lights mode number 0-8 (default: the session's, 5)\n"
+    "  --exposure-mode N   0/1 fixed, 2 histogram, 3 context-sensitive (default 2)\n"
+    "  --sleep-timeout MS  the engine's sleep time-out (default: left as it is)\n"
+    "  --save DIR          save every frame as DIR/frame_NNNN.png\n"
+    "  --json              print a JSON summary instead of text\n"
+    "  --help              print this text\n"
+    "\n"
+    "Simulated engine (set before the session opens; ignored by real hardware):\n"
+    "  --engine TYPE       engine type the simulator reports (default X7710)\n"
+    "  --text TEXT         contents of the simulated barcode\n"
+    "  --format FORMAT     code128 or qrcode\n"
+    "  --scene FILE        a PGM or PNG image in front of the engine instead\n"
+    "\n"
+    "Exit codes:\n"
+    "  0  a barcode was read\n"
+    "  1  no barcode was read before the time-out or the frame limit\n"
+    "  2  bad command line\n"
+    "  3  no session could be opened (no hardware layer, unsupported engine,\n"
+    "     or bad simulator settings; the debug log says which)\n"
+    "  4  scanning could not start, or the engine stopped delivering frames\n"
+    "  5  a frame could not be saved\n";
+
+struct Options {
+    unsigned frames = 0;
+    unsigned timeout_ms = 5000;
+    bool set_lights = false;
+    uint32_t lights_mode = 0;
+    bool set_exposure_mode = false;
+    uint32_t exposure_mode = 2;
+    bool set_sleep_timeout = false;
+    uint32_t sleep_timeout_ms = 0;
+    std::string save_dir;
+    bool json = false;
+    std::string engine, text, format, scene;
+};
+
+struct Frame_report {
+    unsigned number = 0;
+    double time_ms = 0.0;
+    vqxscan::Brightness brightness;
+    bool has_sim_info = false;
+    vqxscan::Sim_frame_info sim;
+};
+
+struct Report {
+    unsigned width = 0, height = 0;
+    std::vector<Frame_report> frames;
+    vqxscan::Decoded decoded;
+    double decode_ms = 0.0;
+    double total_ms = 0.0;
+    std::string error;
+};
+
+bool parse_unsigned(const char* text, uint32_t& out)
+{
+    if (!text || !*text)
+        return false;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long v = std::strtoull(text, &end, 10);
+    if (errno != 0 || *end != '\0' || v > 0xFFFFFFFFull || text[0] == '-')
+        return false;
+    out = static_cast<uint32_t>(v);
+    return true;
+}
+
+bool parse_lights(const std::string& text, uint32_t& mode)
+{
+    struct Name { const char* name; uint32_t mode; };
+    static const Name names[] = {{"off", VQX_LIGHTS_OFF}, {"aimer", VQX_LIGHTS_AIMER},
+                                 {"illumination", VQX_LIGHTS_ILLUMINATION},
+                                 {"both", VQX_LIGHTS_AIMER_ILLUMINATION}};
+    for (const Name& n : names)
+        if (text == n.name) {
+            mode = n.mode;
+            return true;
+        }
+    return parse_unsigned(text.c_str(), mode) && mode <= 8;
+}
+
+// Returns -1 when the options are usable, else the exit code.
+int parse_options(int argc, char** argv, Options& o)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        auto value = [&](const char*& out) {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "vqxscan: %s needs a value\n", arg.c_str());
+                return false;
+            }
+            out = argv[++i];
+            return true;
+        };
+        auto number = [&](uint32_t& out) {
+            const char* v = nullptr;
+            if (!value(v))
+                return false;
+            if (!parse_unsigned(v, out)) {
+                std::fprintf(stderr, "vqxscan: %s: '%s' is not a number\n", arg.c_str(), v);
+                return false;
+            }
+            return true;
+        };
+        const char* v = nullptr;
+        uint32_t n = 0;
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(usage_text, stdout);
+            std::exit(EXIT_DECODED);
+        } else if (arg == "--json") {
+            o.json = true;
+        } else if (arg == "--frames") {
+            if (!number(n))
+                return EXIT_USAGE;
+            o.frames = n;
+        } else if (arg == "--timeout") {
+            if (!number(n))
+                return EXIT_USAGE;
+            o.timeout_ms = n;
+        } else if (arg == "--exposure-mode") {
+            if (!number(o.exposure_mode))
+                return EXIT_USAGE;
+            o.set_exposure_mode = true;
+        } else if (arg == "--sleep-timeout") {
+            if (!number(o.sleep_timeout_ms))
+                return EXIT_USAGE;
+            o.set_sleep_timeout = true;
+        } else if (arg == "--lights") {
+            if (!value(v))
+                return EXIT_USAGE;
+            if (!parse_lights(v, o.lights_mode)) {
+                std::fprintf(stderr, "vqxscan: --lights: '%s' is not off, aimer, illumination, both or 0-8\n", v);
+                return EXIT_USAGE;
+            }
+            o.set_lights = true;
+        } else if (arg == "--save") {
+            if (!value(v))
+                return EXIT_USAGE;
+            o.save_dir = v;
+        } else if (arg == "--engine" || arg == "--text" || arg == "--format" || arg == "--scene") {
+            if (!value(v))
+                return EXIT_USAGE;
+            std::string& field = arg == "--engine" ? o.engine
+                                 : arg == "--text"  ? o.text
+                                 : arg == "--format" ? o.format
+                                                     : o.scene;
+            field = v;
+        } else {
+            std::fprintf(stderr, "vqxscan: unknown option '%s' (see --help)\n", arg.c_str());
+            return EXIT_USAGE;
+        }
+    }
+    if (!o.format.empty() && o.format != "code128" && o.format != "qrcode") {
+        std::fprintf(stderr, "vqxscan: --format: '%s' is not code128 or qrcode\n", o.format.c_str());
+        return EXIT_USAGE;
+    }
+    return -1;
+}
+
+bool prepare_save_dir(const std::string& dir)
+{
+    if (mkdir(dir.c_str(), 0777) == 0 || errno == EEXIST) {
+        struct stat st;
+        if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+            return true;
+        errno = ENOTDIR;
+    }
+    std::fprintf(stderr, "vqxscan: --save %s: %s\n", dir.c_str(), std::strerror(errno));
+    return false;
+}
+
+double ms_since(Clock::time_point start)
+{
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+void print_text(const Report& r)
+{
+    for (const Frame_report& f : r.frames) {
+        std::printf("frame %u at %.1f ms: mean %.1f, p97 %u", f.number, f.time_ms, f.brightness.mean,
+                    f.brightness.p97);
+        if (f.has_sim_info)
+            std::printf(", exposure %.1f us, gain %.2f", f.sim.exposure_us, f.sim.gain);
+        std::printf("\n");
+    }
+    if (r.decoded.found)
+        std::printf("decoded %s: %s\n", r.decoded.format.c_str(), r.decoded.text.c_str());
+    else
+        std::printf("no barcode read\n");
+    std::printf("frames: %zu (%ux%u)\n", r.frames.size(), r.width, r.height);
+    if (r.decoded.found)
+        std::printf("time to decode: %.1f ms\n", r.decode_ms);
+    std::printf("total time: %.1f ms\n", r.total_ms);
+}
+
+void print_json(const Report& r)
+{
+    vqxscan::Json_writer j;
+    j.begin_object();
+    j.key("decoded").value(r.decoded.found);
+    if (r.decoded.found) {
+        j.key("text").value(r.decoded.text);
+        j.key("format").value(r.decoded.format);
+        j.key("time_to_decode_ms").value(r.decode_ms);
+    }
+    j.key("frame_count").value(static_cast<double>(r.frames.size()));
+    j.key("width").value(static_cast<double>(r.width));
+    j.key("height").value(static_cast<double>(r.height));
+    j.key("total_ms").value(r.total_ms);
+    if (!r.error.empty())
+        j.key("error").value(r.error);
+    j.key("frames").begin_array();
+    for (const Frame_report& f : r.frames) {
+        j.begin_object();
+        j.key("frame").value(static_cast<double>(f.number));
+        j.key("time_ms").value(f.time_ms);
+        j.key("mean").value(f.brightness.mean);
+        j.key("p97").value(static_cast<double>(f.brightness.p97));
+        if (f.has_sim_info) {
+            j.key("exposure_us").value(f.sim.exposure_us);
+            j.key("gain").value(f.sim.gain);
+        }
+        j.end_object();
+    }
+    j.end_array();
+    j.end_object();
+    std::printf("%s\n", j.str().c_str());
+}
+
+// Pulls frames until a barcode is read, the limit or the time-out; returns
+// the exit code. Every frame pulled is given back.
+int scan(VQXSI_HANDLE h, const Options& o, Report& r)
+{
+    const Clock::time_point start = Clock::now();
+    if (!VQXSI_StartScanning(h)) {
+        r.error = "scanning could not start";
+        return EXIT_SCAN_FAILED;
+    }
+    vqxscan::Sim_frame_source sim;
+    int code = EXIT_NOT_DECODED;
+    double last_progress = 0.0;
+    for (;;) {
+        void* frame = VQXSI_GetNewScan(h);
+        if (!frame) {
+            r.error = "the engine delivered no frame";
+            code = EXIT_SCAN_FAILED;
+            break;
+        }
+        const uint8_t* pixels = static_cast<const uint8_t*>(frame);
+        Frame_report f;
+        f.number = static_cast<unsigned>(r.frames.size() + 1);
+        f.time_ms = ms_since(start);
+        f.brightness = vqxscan::measure_brightness(pixels, r.width, r.height);
+        f.has_sim_info = sim.frame_info(pixels, f.sim);
+        bool saved = true;
+        if (!o.save_dir.empty()) {
+            char name[32];
+            std::snprintf(name, sizeof name, "/frame_%04u.png", f.number);
+            std::string error;
+            saved = vqxscan::save_png(o.save_dir + name, pixels, r.width, r.height, &error);
+            if (!saved)
+                r.error = error;
+        }
+        const vqxscan::Decoded d = saved ? vqxscan::decode_frame(pixels, r.width, r.height) : vqxscan::Decoded();
+        VQXSI_UnlockBuffer(h, frame);
+        r.frames.push_back(f);
+
+        if (!saved) {
+            code = EXIT_SAVE_FAILED;
+            break;
+        }
+        if (d.found) {
+            r.decoded = d;
+            r.decode_ms = ms_since(start);
+            code = EXIT_DECODED;
+            break;
+        }
+        const double elapsed = ms_since(start);
+        if ((o.frames && r.frames.size() >= o.frames) || elapsed >= o.timeout_ms)
+            break;
+        if (elapsed - last_progress >= 1000.0) {
+            last_progress = elapsed;
+            std::fprintf(stderr, "vqxscan: %zu frames in %.1f s, no barcode yet\n", r.frames.size(),
+                         elapsed / 1000.0);
+        }
+    }
+    VQXSI_StopScanning(h);
+    r.total_ms = ms_since(start);
+    return code;
+}
+
+void set_sim_environment(const Options& o)
+{
+    const vqxscan::Sim_environment env;
+    if (!o.engine.empty())
+        setenv(env.engine, o.engine.c_str(), 1);
+    if (!o.text.empty())
+        setenv(env.text, o.text.c_str(), 1);
+    if (!o.format.empty())
+        setenv(env.format, o.format == "qrcode" ? env.format_qrcode : env.format_code128, 1);
+    if (!o.scene.empty())
+        setenv(env.scene, o.scene.c_str(), 1);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Options o;
+    const int bad = parse_options(argc, argv, o);
+    if (bad >= 0)
+        return bad;
+    if (!o.save_dir.empty() && !prepare_save_dir(o.save_dir))
+        return EXIT_SAVE_FAILED;
+    set_sim_environment(o);
+
+    VQXSI_HANDLE h = VQXSI_OpenSessionWithScanEngine();
+    if (!h) {
+        std::fprintf(stderr,
+                     "vqxscan: no session with the scan engine could be opened (no hardware layer, an "
+                     "unsupported engine type, or bad simulator settings; see the debug log)\n");
+        return EXIT_NO_ENGINE;
+    }
+
+    Report r;
+    VQX_SCANENGINE_PROPERTIES_EX properties;
+    VQXSI_GetScanEnginePropertiesEx(h, &properties, sizeof properties);
+    r.width = properties.image_width;
+    r.height = properties.image_height;
+
+    if (o.set_lights) {
+        VQX_SCANNER_LIGHTING lights;
+        lights.size = sizeof lights;
+        VQXSI_GetLights(h, &lights);
+        lights.scanning_mode = o.lights_mode;
+        VQXSI_SetLights(h, &lights);
+    }
+    if (o.set_exposure_mode)
+        VQXSI_SetExposureMode(h, o.exposure_mode);
+    if (o.set_sleep_timeout)
+        VQXSI_SetSleepTimeout(h, o.sleep_timeout_ms);
+
+    const int code = scan(h, o, r);
+    VQXSI_CloseSessionWithScanEngine(h);
+
+    if (o.json)
+        print_json(r);
+    else
+        print_text(r);
+    if (!r.error.empty())
+        std::fprintf(stderr, "vqxscan: %s\n", r.error.c_str());
+    return code;
+}
