@@ -1,0 +1,467 @@
+// AR0144_trait against a recording hardware layer.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "AR0144_trait.h"
+#include "Diagnostics.h"
+#include "Exposure_controller.h"
+#include "Sensor.h"
+#include "Synchronization.h"
+#include "ar0144_fake.h"
+
+namespace {
+
+// Table A as bursts of consecutive registers.
+const Writes table_a = {
+    {0x301A, {0x1859}},
+    {0x3ED6, {0x3CB5, 0x8765, 0x8888, 0x97FF}}, {0x3EF6, {0x804D, 0x6522, 0x2222, 0x6666}},
+    {0x3F00, {0xAA05}}, {0x3EE2, {0x180E, 0x0808}}, {0x3EEA, {0x2A09}}, {0x3092, {0x00CF}},
+    {0x3268, {0x0030}}, {0x3786, {0x0006}}, {0x3F4A, {0x0F70}}, {0x306E, {0x4810}},
+    {0x3180, {0xC08F}}, {0x30BA, {0x7623}}, {0x3176, {0x0480, 0x0480, 0x0480, 0x0480}},
+    {0x302A, {4, 2, 1, 0x4A}}, {0x3036, {8, 1}},
+    {0x31AC, {0x0C08, 0x0201}}, {0x3354, {0x2A}}, {0x31D0, {0}},
+    {0x31B0, {0x39, 0x2A, 0x5834, 0x20CB, 0x20C9, 0x0103, 3}},
+    {0x3002, {0, 4, 0x031F, 0x0503, 0x0339, 0x05D4}},
+    {0x30A2, {1}}, {0x30A6, {1}}, {0x3040, {0}}, {0x3064, {0x1802}}, {0x3028, {0x10}},
+    {0x301A, {0x1858}},
+};
+const Writes shadows = {{0x3060, {13}}, {0x3270, {508}}, {0x3012, {100, 10}}};
+
+Writes table_b()
+{
+    Writes t = table_a;
+    t[15] = {0x3036, {8, 2}};
+    t[16] = {0x31AC, {0x0C08, 0x0202}};
+    t[19] = {0x31B0, {0x39, 0x2A, 0x2534, 0x20CB, 0x20C9, 0x0103, 3}};
+    return t;
+}
+
+Writes table_c()
+{
+    Writes t = {{0x301A, {0x00D9}}, {0x301A, {0x30D8}}};
+    t.insert(t.end(), table_a.begin() + 1, table_a.begin() + 15);  // tuning and clocks
+    t.push_back({0x3036, {8, 2}});
+    t.insert(t.end(), table_a.begin() + 20, table_a.begin() + 24);  // window, 0x30A2-0x3040
+    const Writes tail = {{0x31AE, {0x0200}}, {0x30A8, {3}}, {0x30AE, {3}}, {0x3064, {0x1802}},
+                         {0x3028, {0x10}}, {0x301A, {0x30D8}}};
+    t.insert(t.end(), tail.begin(), tail.end());
+    return t;
+}
+
+Writes concat(Writes a, const Writes& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+struct Rig {
+    explicit Rig(uint32_t word = 1, uint32_t capture_mode = 0, Sensor* sensor = nullptr)
+        : scope(word, capture_mode, sensor), trait(hwl, &controller)
+    {
+        controller.bind(&trait);
+    }
+    Driver_scope scope;
+    Recording_hwl hwl;
+    Exposure_controller<AR0144_trait> controller;
+    AR0144_trait trait;
+};
+
+std::vector<std::string> captured;
+void capture(const char* text) { captured.push_back(text); }
+
+TEST(AR0144_trait, PowerUpLoadsTheVariantTableInBursts)
+{
+    const struct { uint32_t word; Writes table; } cases[] = {
+        {1, table_a}, {2, table_b()}, {0, table_c()}, {7, table_c()}};
+    for (const auto& c : cases) {
+        Rig rig(c.word);
+        rig.hwl.clear();
+        const unsigned start = Synchroniztion_internal::MT_GetTickCount();
+        ASSERT_TRUE(rig.trait.power_up_init());
+        EXPECT_GE(Synchroniztion_internal::MT_GetTickCount() - start, 24u);
+        EXPECT_EQ(rig.hwl.writes(), concat(c.table, shadows)) << "variant " << c.word;
+        EXPECT_EQ(rig.hwl.psoc[55], 1);
+        EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_READY);
+    }
+    // Mounted at 180 degrees: only the read mode changes.
+    Rig rotated(2 | (180u << 16));
+    rotated.hwl.clear();
+    ASSERT_TRUE(rotated.trait.power_up_init());
+    Writes expected = concat(table_b(), shadows);
+    expected[23].second[0] = 0xC000;
+    ASSERT_EQ(expected[23].first, 0x3040u);
+    EXPECT_EQ(rotated.hwl.writes(), expected);
+}
+
+TEST(AR0144_trait, PowerUpStatesFailuresAndIdleLights)
+{
+    Rig rig;
+    EXPECT_EQ(rig.hwl.count("ImagerPowerOn"), 1u);  // constructor powers up
+    EXPECT_EQ(rig.hwl.count("ImagerPowerUp"), 1u);
+    EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_READY);
+
+    rig.trait.set_exposure_gain(300, 1024);
+    rig.trait.sleep();
+    EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_STANDBY);
+    rig.hwl.clear();
+    ASSERT_TRUE(rig.trait.power_up_init());  // standby: power up, shadows kept
+    EXPECT_EQ(rig.hwl.count("ImagerPowerOn"), 0u);
+    EXPECT_EQ(rig.hwl.count("ImagerPowerUp"), 1u);
+    Writes w = rig.hwl.writes();
+    EXPECT_EQ(w[w.size() - 3], (Writes::value_type{0x3060, {0x20}}));
+    EXPECT_EQ(w.back(), (Writes::value_type{0x3012, {300, 10}}));
+
+    rig.trait.power_down();
+    EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_OFF);
+    rig.hwl.clear();
+    ASSERT_TRUE(rig.trait.power_up_init());  // off: power on and up, shadows reset
+    EXPECT_EQ(rig.hwl.count("ImagerPowerOn"), 1u);
+    EXPECT_EQ(rig.hwl.count("ImagerPowerUp"), 1u);
+    w = rig.hwl.writes();
+    EXPECT_EQ(Writes(w.end() - 3, w.end()), shadows);
+
+    // Idle aimer: mode select pulses; idle illumination: left streaming.
+    _tagVQX_SCANNER_LIGHTING lights{28, 5, 1, 0, 100, 100, 0};
+    for (uint32_t idle : {1u, 2u}) {
+        lights.idle_mode = idle;
+        rig.trait.change_lights(lights);
+        rig.hwl.clear();
+        ASSERT_TRUE(rig.trait.power_up_init());
+        w = rig.hwl.writes();
+        const Writes pulse = {{0x301C, {1}}, {0x301C, {0}}}, on = {{0x301C, {1}}};
+        EXPECT_EQ(Writes(w.end() - (idle == 1 ? 2 : 1), w.end()), idle == 1 ? pulse : on);
+        EXPECT_EQ(rig.hwl.psoc[0x32] & 3, idle);
+    }
+
+    rig.hwl.fail_ops.insert("WriteIIC_PSOC");  // the sensor reset fails: no register write
+    rig.hwl.clear();
+    EXPECT_FALSE(rig.trait.power_up_init());
+    EXPECT_TRUE(rig.hwl.writes().empty());
+    rig.hwl.fail_ops.clear();
+    rig.hwl.fail_write.insert(0x3F00);  // a failed burst ends the walk
+    rig.hwl.clear();
+    EXPECT_FALSE(rig.trait.power_up_init());
+    EXPECT_EQ(rig.hwl.writes().back().first, 0x3F00u);
+}
+
+TEST(AR0144_trait, LineTimeFromClockRegisters)
+{
+    Rig rig;
+    auto& r = rig.hwl.regs;
+    const struct { uint16_t m, p, s, d, length; uint64_t line_us; } cases[] = {
+        {0x40, 2, 2, 2, 1600, 25}, {0x40, 0, 2, 2, 1600, 0}, {0x4A, 1, 2, 4, 1492, 20}};
+    for (const auto& c : cases) {  // 64 MHz, no clock, 74 MHz (the tables')
+        r[0x3030] = c.m; r[0x302E] = c.p; r[0x302C] = c.s; r[0x302A] = c.d; r[0x300C] = c.length;
+        ASSERT_TRUE(rig.trait.getClocks());
+        EXPECT_EQ(AR0144_trait::lineTimeUs, c.line_us);
+        EXPECT_EQ(AR0144_trait::lineLenght, c.length);
+        EXPECT_EQ(AR0144_trait::exposure_rows(rig.trait, 10000), c.line_us ? 10000 / c.line_us : 1);
+    }
+    rig.hwl.fail_read.insert(0x300C);
+    r[0x302E] = 0;
+    EXPECT_FALSE(rig.trait.getClocks());  // the line time stays
+    EXPECT_EQ(AR0144_trait::lineTimeUs, 20u);
+}
+
+TEST(AR0144_trait, StreamingAndTheExposureHistory)
+{
+    for (uint32_t mode : {0u, 3u}) {
+        Rig rig(1, mode);
+        const unsigned slot = mode == 3 ? 2 : 3;  // frames until a write shows
+        rig.trait.set_exposure_gain(50, 512);
+        rig.trait.trigger_on();
+        EXPECT_EQ(rig.hwl.writes().back(), (Writes::value_type{0x301A, {0x085C}}));
+        EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_STREAMING);
+        rig.hwl.regs[0x301C] = 1;  // the sensor reports streaming
+        for (unsigned frame = 1; frame <= 8; ++frame) {
+            rig.trait.exposure_frame();
+            const unsigned written = frame > slot ? frame - slot : 0;  // 0: the start
+            EXPECT_EQ(rig.trait.current_exposure(), written ? 100 + written : 50) << frame;
+            EXPECT_EQ(rig.trait.current_gain(), 512u);
+            EXPECT_EQ(rig.trait.current_contrast(), rig.trait.current_exposure() * 512);
+            rig.trait.set_exposure_gain(100 + frame, 512);
+            if (frame == 4)
+                rig.trait.trigger_on();  // already streaming: history kept
+        }
+        rig.trait.trigger_off();
+        const Writes stop = {{0x301A, {0x0858}}, {0x301C, {0}}};
+        Writes w = rig.hwl.writes();
+        EXPECT_EQ(Writes(w.end() - 2, w.end()), stop);
+        EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_READY);
+    }
+
+    Rig parallel(0);
+    parallel.trait.trigger_on();
+    EXPECT_EQ(parallel.hwl.writes().back(), (Writes::value_type{0x301A, {0x30DC}}));
+
+    // trigger_on fails on its mode-select read: nothing written, and
+    // trigger_once issues no stop.
+    Rig failing;
+    failing.hwl.fail_read.insert(0x301C);
+    failing.hwl.clear();
+    failing.trait.trigger_once();
+    EXPECT_TRUE(failing.hwl.writes().empty());
+    EXPECT_FALSE(failing.trait.start_streaming());
+    failing.hwl.fail_read.clear();
+    failing.trait.trigger_once();
+    const Writes once = {{0x301A, {0x085C}}, {0x301A, {0x0858}}, {0x301C, {0}}};
+    EXPECT_EQ(failing.hwl.writes(), once);
+}
+
+TEST(AR0144_trait, CheckStallBranches)
+{
+    set_dbg_output_hook(capture);
+    Rig rig(1);
+    auto& r = rig.hwl.regs;
+    r[0x303A] = 7; r[0x306A] = 0x100;
+
+    r[0x303C] = 0x05;  // neither standby nor PLL locked: keep waiting
+    rig.hwl.clear();
+    captured.clear();
+    EXPECT_TRUE(rig.trait.check_stall(2));
+    EXPECT_EQ(rig.hwl.count("ReadReg"), rig.hwl.log().size());
+    EXPECT_EQ(captured, std::vector<std::string>{"Stall2: Status = 0x05 frames = 7\n"});
+
+    r[0x303C] = 0x0A;  // standby: streaming restarted
+    rig.hwl.clear();
+    EXPECT_TRUE(rig.trait.check_stall(1));
+    EXPECT_EQ(rig.hwl.writes(), (Writes{{0x301A, {0x085C}}}));
+
+    r[0x303C] = 0x08;  // PLL locked, not the last try: streaming value twice
+    rig.hwl.clear();
+    captured.clear();
+    EXPECT_TRUE(rig.trait.check_stall(1));
+    EXPECT_EQ(rig.hwl.count("StartScanning"), 0u);
+    EXPECT_EQ(rig.hwl.writes(), (Writes{{0x301A, {0x185C}}, {0x301A, {0x085C}}}));
+    EXPECT_EQ(captured.at(1), "Stall1: datapath_status = 0x0100\n");
+
+    rig.hwl.clear();  // last try: the transfer path is restarted first
+    EXPECT_TRUE(rig.trait.check_stall(0));
+    std::vector<std::string> ops;
+    for (const Hwl_call& c : rig.hwl.log())
+        if (c.op != "ReadReg")
+            ops.push_back(c.op);
+    EXPECT_EQ(ops, (std::vector<std::string>{"RequestStopScanning", "StopScanning", "StartScanning",
+                                             "WriteReg", "WriteReg"}));
+    rig.hwl.fail_ops.insert("StartScanning");
+    rig.hwl.clear();
+    EXPECT_FALSE(rig.trait.check_stall(0));
+    EXPECT_TRUE(rig.hwl.writes().empty());
+
+    Rig parallel(0);
+    parallel.hwl.regs[0x303C] = 0x08;
+    parallel.hwl.clear();
+    EXPECT_TRUE(parallel.trait.check_stall(0));
+    EXPECT_EQ(parallel.hwl.writes(), (Writes{{0x301A, {0x30DC}}, {0x301A, {0x30DC}}}));
+    parallel.hwl.fail_read.insert(0x303C);
+    EXPECT_FALSE(parallel.trait.check_stall(2));
+    set_dbg_output_hook(nullptr);
+}
+
+TEST(AR0144_trait, InitCaptureMarksTheEndOfTheFrame)
+{
+    Driver_scope scope(1);
+    Recording_hwl hwl;
+    hwl.width = 8;
+    hwl.height = 4;
+    AR0144_trait trait(hwl, nullptr);
+    std::vector<unsigned char> frame(8 * 4 + 2, 0x55);
+    IHwl::Image_buffer_pointers p{nullptr, frame.data(), 0x1002, 0};
+    EXPECT_TRUE(trait.init_capture(&p));
+    EXPECT_EQ(std::vector<unsigned char>(frame.begin() + 27, frame.end()),
+              (std::vector<unsigned char>{0x55, 0xFF, 0x00, 0xFF, 0x00, 0x55, 0x55}));
+    EXPECT_EQ(hwl.log().back().op, "InitCapture");
+    EXPECT_EQ(hwl.log().back().address, 0x1002u);
+    hwl.fail_ops.insert("InitCapture");
+    EXPECT_FALSE(trait.init_capture(&p));
+    EXPECT_EQ(trait.GetMaxResumeTime(), 150u);
+}
+
+TEST(AR0144_trait, GainCodesRoundTrip)
+{
+    unsigned previous = 0;
+    for (uint16_t code = AR0144_trait::min_gain_code; code <= AR0144_trait::max_gain_code; ++code) {
+        const unsigned gain = AR0144_trait::gain_of_code(code);
+        EXPECT_GT(gain, previous) << std::hex << code;
+        EXPECT_EQ(AR0144_trait::code_of_gain(gain), code);
+        EXPECT_EQ(AR0144_trait::code_of_gain(gain + 1), code);  // never above the request
+        previous = gain;
+    }
+    EXPECT_EQ(AR0144_trait::gain_of_code(0x0D), 431u);  // 1.68x
+    EXPECT_EQ(AR0144_trait::gain_of_code(0x20), 1024u);
+    EXPECT_EQ(AR0144_trait::code_of_gain(1023), 0x1F);
+    EXPECT_EQ(AR0144_trait::code_of_gain(0), 0x0D);
+    EXPECT_EQ(AR0144_trait::code_of_gain(1u << 30), 0x4F);
+}
+
+TEST(AR0144_trait, ExposureProgrammingAndContrastSplit)
+{
+    Rig rig;
+    Exposure_settings& s = rig.controller.settings;
+    rig.trait.update_exposure_settings(s);
+    EXPECT_EQ(s.start_exposure, 500u);
+    EXPECT_EQ(s.fixed_exposure, 500u);
+
+    rig.hwl.clear();
+    EXPECT_TRUE(rig.trait.set_exposure_gain(0, 100));  // rows at least 1, gain at least 0x0D
+    EXPECT_TRUE(rig.trait.set_exposure_gain(5000, 1 << 20));  // rows at most 824, gain 0x4F
+    EXPECT_EQ(rig.hwl.writes(), (Writes{{0x3060, {0x0D}}, {0x3012, {1, 10}}, {0x3060, {0x4F}}, {0x3012, {824, 10}}}));
+
+    unsigned contrast = 0;
+    ASSERT_TRUE(rig.trait.set_starting_exposure_gain(contrast));  // 500 us = 25 rows, start gain 4x
+    EXPECT_EQ(contrast, 25u * 1024);
+    s.mode = 0;  // fixed: 500 us at ES_FIXED_GAIN 2x
+    s.fixed_gain = 512;
+    ASSERT_TRUE(rig.trait.update_contrast(200, 12345, contrast));
+    EXPECT_EQ(contrast, 25u * 512);
+    EXPECT_EQ(rig.hwl.writes().back(), (Writes::value_type{0x3012, {25, 10}}));
+
+    s.mode = 2;  // automatic: exposure first at the lowest gain ...
+    ASSERT_TRUE(rig.trait.update_contrast(s.target_value, 100 * 431, contrast));
+    EXPECT_EQ(contrast, 100u * 431);
+    s.max_gain = 4096;
+    ASSERT_TRUE(rig.trait.update_contrast(s.target_value / 4, 700 * 431, contrast));  // x4: 824 rows, more gain
+    EXPECT_EQ(rig.hwl.writes().back(), (Writes::value_type{0x3012, {824, 10}}));
+    EXPECT_EQ(contrast, 824u * AR0144_trait::gain_of_code(AR0144_trait::code_of_gain(700 * 431 * 4 / 824)));
+    s.max_exposure = 4000;  // rows limited by ES_MAX_EXP, gain by ES_MAX_GAIN
+    s.max_gain = 1024;
+    ASSERT_TRUE(rig.trait.update_contrast(1, 100000, contrast));
+    EXPECT_EQ(contrast, 200u * 1024);
+
+    ASSERT_TRUE(rig.trait.set_starting_exposure_gain(50 * 431, contrast));  // the previous contrast
+    EXPECT_EQ(contrast, 50u * 431);
+    ASSERT_TRUE(rig.trait.set_starting_exposure_gain(0, contrast));  // none: the starting setting
+    EXPECT_EQ(contrast, 25u * 1024);
+
+    AR0144_trait lone(rig.hwl, nullptr);
+    EXPECT_FALSE(lone.update_contrast(1, 1, contrast));
+    EXPECT_FALSE(lone.set_starting_exposure_gain(contrast));
+}
+
+TEST(AR0144_trait, PropertiesRespectTheCallerSize)
+{
+    Driver_scope scope(1 | (180u << 16));
+    Recording_hwl hwl;
+    const unsigned char id[4] = {0, 0, 0x77, 0x10};
+    std::memcpy(hwl.psoc, id, 4);
+    std::memcpy(hwl.psoc + 4, "SN00000042", 10);
+    const unsigned char aim[4] = {0x00, 0x10, 0xFF, 0xF0};  // +16 columns, -16 rows
+    std::memcpy(hwl.psoc + 0x1A, aim, 4);
+    hwl.psoc[0x38] = 9;
+    hwl.psoc[0x39] = 2;
+    AR0144_trait trait(hwl, nullptr);
+
+    VQX_SCANENGINE_PROPERTIES_EX p;
+    std::memset(&p, 0xEE, sizeof p);
+    p.size = 8;
+    ASSERT_TRUE(trait.update_properties(p));
+    EXPECT_EQ(p.engine_id_class, 18u);
+    EXPECT_EQ(p.aimer_x, 0xEEEEEEEEu);
+
+    p.size = 28;
+    p.aimer_x = 640;
+    p.aimer_y = 400;
+    trait.update_properties(p);
+    EXPECT_EQ(p.aimer_x, 624u);  // rotated: offsets subtract
+    EXPECT_EQ(p.aimer_y, 400u);
+    EXPECT_EQ(p.psoc_rev_low, 0xEEEEEEEEu);
+
+    p.size = 224;
+    p.aimer_x = 5;
+    p.aimer_y = 795;
+    trait.update_properties(p);
+    EXPECT_EQ(p.aimer_x, 0u);  // held inside the image
+    EXPECT_EQ(p.aimer_y, 799u);
+    EXPECT_EQ(p.psoc_rev_low, 9u);
+    EXPECT_EQ(p.psoc_rev_high, 2u);
+    EXPECT_STREQ(p.serial_number, "SN00000042");
+    EXPECT_EQ(p.engine_id, 0x7710u);
+
+    Driver_scope parallel(0);
+    p.size = 136;  // ends before the engine id
+    p.engine_id = 0;
+    trait.update_properties(p);
+    EXPECT_EQ(p.engine_id_class, 17u);
+    EXPECT_EQ(p.engine_id, 0u);
+}
+
+TEST(AR0144_trait, StandbyCompletesOnTheSensorTimer)
+{
+    Sensor sensor;
+    Rig rig(1, 0, &sensor);
+    _tagVQX_SCANNER_LIGHTING lights{28, 5, 2, 0, 100, 100, 0};  // idle illumination
+    rig.trait.change_lights(lights);
+    {
+        auto lock = sensor.get_lock();
+        rig.trait.trigger_on();
+        rig.trait.trigger_off();
+        rig.hwl.clear();
+        EXPECT_TRUE(rig.trait.deinitialize_scanning());
+        EXPECT_EQ(rig.trait.get_alarm().expire_time(), rig.trait.get_reference_time() + 24);
+    }
+    for (int i = 0; i < 200 && !rig.trait.get_alarm().complete(); ++i)
+        Synchroniztion_internal::MT_Delay(5);
+    EXPECT_EQ(rig.hwl.writes().at(0), (Writes::value_type{0x301A, {0x185C}}));  // keeps streaming
+    EXPECT_EQ(rig.hwl.psoc_byte(0x32) & 3, 2);
+
+    {
+        auto lock = sensor.get_lock();
+        rig.trait.trigger_off();
+        rig.hwl.clear();
+        rig.trait.deinitialize_scanning();
+        EXPECT_TRUE(rig.trait.initialize_scanning());  // a new scan cancels the standby
+    }
+    Synchroniztion_internal::MT_Delay(40);
+    EXPECT_TRUE(rig.hwl.writes().empty());
+}
+
+TEST(AR0144_trait, LightsFollowTheScanState)
+{
+    Rig rig;
+    _tagVQX_SCANNER_LIGHTING lights{28, 5, 8, 0, 100, 77, 3};
+    rig.hwl.clear();
+    EXPECT_TRUE(rig.trait.change_lights(lights));  // idle: aimer (mode 8), no boost
+    EXPECT_EQ(rig.hwl.psoc_byte(0x32), 1);
+    EXPECT_EQ(rig.hwl.log().at(0).op, "IllumConfig");
+    EXPECT_EQ(rig.hwl.log().at(0).address, 77u);
+    ASSERT_TRUE(rig.trait.start_scanning());  // scanning: aimer and illumination, boost 2
+    EXPECT_TRUE(rig.trait.change_lights(lights));
+    EXPECT_EQ(rig.hwl.psoc_byte(0x32), 3 | (2 << 2));
+
+    Recording_hwl bare;  // no PSoC: the hardware layer's lights follow the code
+    bare.psoc_fitted = false;
+    AR0144_trait trait(bare, nullptr);
+    trait.sleep();
+    bare.clear();
+    EXPECT_TRUE(trait.change_lights(lights));  // asleep: remembered only
+    EXPECT_TRUE(bare.log().empty());
+    bare.fail_ops.insert("WriteIIC_PSOC");
+    trait.power_up_init();  // the stored aimer operation follows the idle code
+    EXPECT_EQ(bare.count("AimOn"), 1u);
+    lights.idle_mode = 7;
+    bare.clear();
+    trait.change_lights(lights);
+    EXPECT_EQ(bare.count("AimOff") + bare.count("IllumOn"), 2u);
+}
+
+TEST(AR0144_trait, ProcessWidePsocEntry)
+{
+    static Recording_hwl first;  // the entry keeps the first hardware layer for good
+    Recording_hwl second;
+    std::vector<std::string>().swap(captured);
+    set_dbg_output_hook(capture);
+    EXPECT_EQ(PSOC_Cachex::Get_psoc_cache(first, 0x33), nullptr);
+    set_dbg_output_hook(nullptr);
+    EXPECT_EQ(captured, std::vector<std::string>{"Get_psoc_cache called with register 0x33\r\n"});
+    PSOC_Cachex* entry = PSOC_Cachex::Get_psoc_cache(first, 0x32);
+    ASSERT_TRUE(entry && entry == PSOC_Cachex::reg_0x32 && entry->reg == 0x32);
+    entry->valid = true;
+    EXPECT_EQ(PSOC_Cachex::Get_psoc_cache(second, 0x32), entry);
+    EXPECT_EQ(&entry->hwl, static_cast<IHwl*>(&first));
+    PSOC_Cachex::invalidate();
+    EXPECT_FALSE(entry->valid);
+}
+
+} // namespace
