@@ -205,6 +205,7 @@ bool AR0144_trait::power_up_init()
             return false;
     }
     getClocks();
+    second_flag = true;  // the register set is loaded
     return true;
 }
 
@@ -292,6 +293,7 @@ void AR0144_trait::power_down()
     hwl.ImagerPowerDown();
     hwl.ImagerPowerOff();
     power_state = POWER_OFF;
+    second_flag = false;  // the supply is off: the register set is gone
     psoc.invalidate();
 }
 
@@ -302,6 +304,11 @@ void AR0144_trait::power_down()
 bool AR0144_trait::initialize_scanning()
 {
     alarm.cancel();
+    // A scan needs the register set loaded: after construction (the supply
+    // is on but no table was written), after sleep (standby) and after
+    // power_down the sensor is brought up again here.
+    if (power_state < POWER_READY || !second_flag)
+        return power_up_init();
     return true;
 }
 

@@ -130,7 +130,13 @@
 //    (a null buffer record arms nothing and gives false).
 //  - power_on and power_off keep the base behaviour (nothing): the engine
 //    is powered by the constructor, and power_up_init / power_down are the
-//    trait's own entry points.
+//    trait's own entry points. initialize_scanning (the start of every
+//    scan) runs power_up_init when the register set is not loaded: the
+//    first scan after construction, after sleep (standby) or after
+//    power_down. Sensor_trait's second flag records that the register set
+//    is loaded (set by a successful power_up_init, cleared by power_down).
+//    A failed power-up fails the scan start, so the power state manager
+//    tries again at its next check.
 #ifndef VQX_AR0144_TRAIT_H
 #define VQX_AR0144_TRAIT_H
 

@@ -27,6 +27,25 @@ const char* const kOperations[] = {
 std::mutex registry_mutex;
 std::vector<const Sim_core*> registry;
 
+// Writes a finished frame into a capture buffer the way the transfer hardware
+// does: while the driver may be reading or planting row markers in the same
+// buffer from another thread. Relaxed atomic stores keep that concurrent
+// access well defined (the driver's marker accesses are atomic too); on the
+// platforms we build for they compile to plain stores.
+void publish_frame(uint8_t* dst, const uint8_t* src, size_t n)
+{
+    size_t i = 0;
+    if (reinterpret_cast<uintptr_t>(dst) % alignof(uint64_t) == 0) {
+        for (; i + sizeof(uint64_t) <= n; i += sizeof(uint64_t)) {
+            uint64_t word;
+            std::memcpy(&word, src + i, sizeof word);
+            __atomic_store_n(reinterpret_cast<uint64_t*>(dst + i), word, __ATOMIC_RELAXED);
+        }
+    }
+    for (; i < n; ++i)
+        __atomic_store_n(dst + i, src[i], __ATOMIC_RELAXED);
+}
+
 std::string hex_bytes(const unsigned char* data, unsigned count)
 {
     std::string text = "[";
@@ -748,7 +767,7 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
         }
         return;
     }
-    std::memcpy(memory.data() + index * frame.size(), frame.data(), frame.size());
+    publish_frame(memory.data() + index * frame.size(), frame.data(), frame.size());
     ++count.frames_filled;
     last_filled = index;
     record.time_us = elapsed_us();

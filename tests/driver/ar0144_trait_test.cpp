@@ -411,7 +411,10 @@ TEST(AR0144_trait, StandbyCompletesOnTheSensorTimer)
         rig.trait.trigger_off();
         rig.hwl.clear();
         rig.trait.deinitialize_scanning();
-        EXPECT_TRUE(rig.trait.initialize_scanning());  // a new scan cancels the standby
+        // A new scan cancels the standby (and, the register set never having
+        // been loaded here, loads it first).
+        EXPECT_TRUE(rig.trait.initialize_scanning());
+        rig.hwl.clear();
     }
     Synchroniztion_internal::MT_Delay(40);
     EXPECT_TRUE(rig.hwl.writes().empty());
