@@ -2,6 +2,7 @@
 #include "Available_buffer.h"
 
 #include "Buffer_locker.h"
+#include "IStream_driver.h"
 #include "Diagnostics.h"
 #include "Scan_driver.h"
 #include "Sensor.h"
@@ -51,6 +52,11 @@ bool Available_buffer::get_available_wakeup() const
     // sensor's and the buffer locker's monitor too.
     const Sensor* sensor = the_scan_driver->sensor;
     if (sensor != nullptr && sensor->stalled())
+        return true;
+    // A stopped stream delivers nothing: its start failed, or another
+    // session's stop after image ended it.
+    const IStream_driver* stream = the_scan_driver->stream_driver;
+    if (stream != nullptr && stream->scan_state() == IStream_driver::STOPPED)
         return true;
     const Buffer_locker* locker = the_scan_driver->buffer_locker;
     return locker == nullptr || locker->circulating_buffers() == 0;

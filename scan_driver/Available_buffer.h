@@ -9,8 +9,10 @@
 // 30,000 ms; the scan driver's single lock then becomes the client's in
 // place (owner SCANDRIVER -> CLIENT) and the client returns it with
 // Buffer_locker::UnlockBuffer(p, CLIENT). A waiting client gives up early,
-// with a null result, when the sensor reports a stalled capture or when no
-// buffer is left circulating (every buffer is with the client). The stream
+// with a null result, when the sensor reports a stalled capture, when no
+// buffer is left circulating (every buffer is with the client), or when the
+// stream driver is stopped (its start failed, or another session's stop
+// after image ended the shared stream: no frame is coming). The stream
 // driver uses get_available(false) to reclaim an unread frame for the next
 // capture, but only while no thread is inside get_available
 // (threads_inside() is 0).
@@ -56,6 +58,8 @@ public:
     ScanBufferInfo* peek_available() volatile;
 
     bool buffer_available() const { return p_available != nullptr; }
+    /// The waiting buffer (monitor held), or null.
+    ScanBufferInfo* waiting() const { return p_available; }
 
     // The waiting predicate: a buffer waits, or the capture stalled, or no
     // buffer is left circulating.

@@ -213,11 +213,18 @@ bool Buffer_locker::UnlockBuffer(void* buffer, owner_enum _owner)
 
 void Buffer_locker::reset_buffer_locks()
 {
+    bool freed = false;
     for (size_t i = 0; i < n_buffers; ++i) {
-        if (buffers[i].owner != ScanBufferInfo::SCANDRIVER)
+        if (buffers[i].owner != ScanBufferInfo::SCANDRIVER) {
+            freed = freed || buffers[i].lock_cnt != 0;
             set_lock_cnt(&buffers[i], 0);
+        }
     }
     notify();
+    // Buffers taken back from the client may be what a scan still running
+    // for another session was waiting for, as with a client's own unlock.
+    if (freed && the_scan_driver->stream_driver != nullptr)
+        the_scan_driver->stream_driver->buffer_free();
 }
 
 void Buffer_locker::print() const {}

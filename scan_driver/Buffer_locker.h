@@ -12,7 +12,9 @@
 // A locked buffer never changes hands through LockBuffer. It changes owner
 // only through the in-place hand-over SCANDRIVER -> CLIENT
 // (ScanBufferInfo::change_owner, used by Available_buffer) or when
-// reset_buffer_locks drops every client lock at once.
+// reset_buffer_locks drops every client lock at once and, when that freed a
+// buffer, tells the stream driver (buffer_free) like a client's last unlock,
+// so that a scan another session keeps running is not left without buffers.
 //
 // Lookup failures and ownership conflicts return false (or null) with a
 // silent trace and change nothing; inconsistent records are reported as

@@ -1,6 +1,8 @@
 // State_manager: power, sleep and streaming decisions.
 #include "State_manager.h"
 
+#include <algorithm>
+
 #include "IStream_driver.h"
 #include "Scan_driver.h"
 #include "Sensor.h"
@@ -266,7 +268,10 @@ void State_manager::go_to_sleep()
 void State_manager::schedule_sleep(uint64_t timeout)
 {
     sleep_alarm.cancel();
-    const unsigned int due = static_cast<unsigned int>(idle_since + timeout);
+    // Due times compare by 32-bit wrap-around, so the longest delay they can
+    // express is 2^31 - 1 ms; a longer time-out waits that long.
+    const uint64_t longest = 0x7FFFFFFF;
+    const unsigned int due = static_cast<unsigned int>(idle_since + std::min(timeout, longest));
     sleep_alarm = monitor_base().alarm(*this, &State_manager::go_to_sleep, due, 0);
 }
 

@@ -24,10 +24,10 @@
 // shared monitor (the stream driver's wait for stop gives the monitor up).
 //
 // Tick arithmetic: "idle since" is kept as 64 bits as the tick was read
-// (never 0 while idle), but the sleep alarm's due time is truncated to the
-// 32-bit tick, whose comparisons wrap; a time-out longer than about 24 days
-// therefore cannot be expressed and comes due early. Kept as is: sleep
-// time-outs are seconds to minutes.
+// (never 0 while idle), but the sleep alarm's due time is the 32-bit tick,
+// whose comparisons wrap: the longest delay it can express is 2^31 - 1 ms
+// (about 24.8 days). A longer time-out (0xFFFFFFFF included) waits that
+// long instead of coming due at once.
 #ifndef VQX_STATE_MANAGER_H
 #define VQX_STATE_MANAGER_H
 

@@ -280,6 +280,12 @@ void Stream_driver::vsync_ist(int buffer)
             driver.trait->release_buffer(buffer);
             return;
         }
+        if (p_info->owner == ScanBufferInfo::CLIENT || p_info == driver.available_buffer->waiting()) {
+            // A second event for a frame already delivered (held by the
+            // client or waiting for it): nothing was filled, nothing changes.
+            silent_trace("vsync_ist: buffer %d was already delivered, event ignored", buffer);
+            return;
+        }
         capture_stall_alarm.cancel();
         driver.available_buffer->set_p_available(p_info);
 
@@ -303,7 +309,9 @@ void Stream_driver::vsync_ist(int buffer)
         if (!sof_polling_mode())
             driver.trait->exposure_frame();
         const bool sample = static_cast<uint32_t>(frame_count) % 3 == 0;
+        delivering_frame = true;
         driver.sensor->vsync_ist(buffer, sample);
+        delivering_frame = false;
         frame_count = static_cast<int32_t>(static_cast<uint32_t>(frame_count) + 1);
         delivered = true;
     }
@@ -431,15 +439,36 @@ bool Stream_driver::stop_scanning()
     auto lock = get_lock();
     if (state == STOPPING)
         return true;
-    if (state == STOPPED)
+    if (state == STOPPED) {
+        the_scan_driver->available_buffer->clear();  // a frame kept after a stop after image
         return false;
+    }
     SD_ASSERT(owns(), "owns()", STREAM_LABEL, __LINE__);
     set_scan_state(STOPPING);
     deferred_stop_scanning =
         !the_scan_driver->trait->request_stop_scanning(&Stream_driver::complete_stop_scanning, this);
     if (!deferred_stop_scanning)
         stop_scanning_check();
+    ensure_stop_ends();
     return true;
+}
+
+// A stop still waiting (for a pending capture, or for the hardware layer's
+// confirmation) is ended by the capture stall alarm. When no such alarm is
+// pending (the scan had already stalled, or nothing set it), it is set now,
+// so that a stop whose frame or confirmation never comes still ends instead
+// of leaving the driver STOPPING for good: after the trait's resume time
+// when the scan has stalled (no frame is coming), else after the stop bound.
+void Stream_driver::ensure_stop_ends()
+{
+    const bool pending = capture_stall_alarm.expire_time() != 0 && !capture_stall_alarm.complete();
+    if (state != STOPPING || pending)
+        return;
+    const unsigned int delay =
+        stall_count >= stalled_count ? the_scan_driver->trait->GetMaxResumeTime() : stop_wait_ms;
+    capture_stall_alarm.cancel();
+    capture_stall_alarm =
+        monitor_base().alarm(*this, &Stream_driver::capture_stall, MT_GetTickCount() + delay, 0);
 }
 
 void Stream_driver::complete_stop_scanning(void* self)
@@ -475,7 +504,11 @@ void Stream_driver::deinitialize_scanning()
     sof_alarm.cancel();
     set_scan_state(STOPPED);
     reset_buffer_statex();
-    driver.available_buffer->clear();
+    // The frame whose delivery stopped the scan (stop after image) stays in
+    // the hand-off for the client that asked for it; any other waiting frame
+    // goes back. A kept frame is dropped by the next start or stop.
+    if (!delivering_frame)
+        driver.available_buffer->clear();
     driver.progress_tracker->clear();
     stall_count = 0;
     // Captures still armed are forgotten: their vsyncs, arriving while

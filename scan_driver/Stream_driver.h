@@ -49,6 +49,19 @@
 // vsyncs, arriving while STOPPED, hand the buffer straight back), so that
 // the next scan starts counting from zero.
 //
+// A stop that still waits (for a pending capture or for the hardware
+// layer's confirmation) when no capture stall alarm is pending (the scan had
+// already stalled) gets that alarm (after the trait's resume time on a
+// stalled scan, else after the 2000 ms stop bound), so every stop ends: the
+// alarm de-initialises a driver that is still STOPPING.
+//
+// Stop after image: the sensor stops the scan from inside the delivery of
+// the frame the client asked for. When that stop completes at once (a
+// hardware layer whose RequestStopScanning answers true), de-initialisation
+// keeps that frame in the hand-off instead of returning it, so the client's
+// single frame is not lost; the next stop_scanning (on the stopped driver)
+// or start_scanning drops it if nobody took it.
+//
 // Capture modes above 7 are treated like mode 1: the capture fails with the
 // "not implemented" message and nothing is triggered.
 //
@@ -56,6 +69,10 @@
 // filled) is reported; the frame is delivered and the buffer that was being
 // filled is handed back to the hardware layer without restarting capture,
 // so that no record stays locked without an owner.
+//
+// A repeated vsync for a frame already delivered (the buffer is held by the
+// client or waits in the hand-off) is ignored: handing the same buffer out
+// twice, or re-arming it under the client, would break its ownership.
 //
 // Unknown buffer handles: a vsync naming a buffer the driver does not know
 // is reported ("p_info") and handed back to the hardware layer; nothing else
@@ -122,6 +139,7 @@ private:
     void inter_frame_ist(int buffer);
     void monitor_sof_data(monitor_sof_data_info info);
     void schedule_capture_stall();
+    void ensure_stop_ends();
     void capture_stall();
     void trigger_once();
     void trigger_on();
@@ -147,6 +165,7 @@ private:
     ScanBufferInfo* pPrefill = nullptr;
     uint32_t pending_captures = 0;
     bool deferred_stop_scanning = false;
+    bool delivering_frame = false;  // inside the sensor's vsync_ist
     Alarm sof_alarm;
     Alarm capture_stall_alarm;
     Scan_state_t state = STOPPED;

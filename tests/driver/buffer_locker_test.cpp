@@ -125,7 +125,7 @@ TEST_F(Buffer_test, ResetKeepsScanDriverLocksAndCirculationCount)
     EXPECT_EQ(record(1)->lock_cnt, 0u);
     EXPECT_EQ(record(1)->owner, Owner::NONE);
     EXPECT_EQ(hwl.log.entries(), (std::vector<std::string>{released(1), released(2)}));
-    EXPECT_EQ(stream.buffer_free_calls, 0);
+    EXPECT_EQ(stream.buffer_free_calls, 1);  // a scan still running may resume
     EXPECT_EQ(vlocker().circulating_buffers(), 3u);
 
     // Every buffer with the client: nothing circulates.

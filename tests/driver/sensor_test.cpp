@@ -69,6 +69,13 @@ TEST_F(Stream_test, StopAfterImageEndsTheScanAtTheFirstGoodFrame)
     EXPECT_NE(std::string::npos, calls().find("RequestStopScanning"));
     EXPECT_EQ(IStream_driver::STOPPED, state());
     EXPECT_EQ(0u, hwl.log.count_prefix("update_contrast"));  // no exposure update
+    // The stop completed at once, yet the frame stays for the client; the
+    // next stop of the stopped driver drops it.
+    ScanBufferInfo* kept = vavailable().peek_available();
+    ASSERT_NE(nullptr, kept);
+    EXPECT_EQ(101, kept->pointers.handle);
+    EXPECT_FALSE(stream->stop_scanning());
+    EXPECT_EQ(nullptr, vavailable().peek_available());
 }
 
 // The first scan lets the trait choose its starting point; later scans start
