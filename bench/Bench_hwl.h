@@ -1,0 +1,226 @@
+// Bench_hwl: a minimal AR0144 hardware layer for the driver benchmarks.
+//
+// It models only what the driver needs to run and nothing that costs time:
+// a plain register file (writes stored, reads return them), a PSoC register
+// file, power and lights switches that just answer true, and the capture
+// buffers. A frame is "filled" the moment it is delivered: the benchmark
+// measures the driver, not a sensor.
+//
+// Frames are delivered in one of two ways:
+//   - by the caller: next_armed() waits for a buffer the driver armed and
+//     takes it, deliver() makes its vsync callback on the calling thread
+//     (which plays the hardware layer's thread and must hold no driver lock);
+//   - by a pump thread (start_pump): every armed buffer is delivered at
+//     once, as fast as the driver arms them.
+//
+// Threading: every operation may be called from any thread; the object's
+// mutex is never held while a driver callback runs.
+#ifndef VQX_BENCH_HWL_H
+#define VQX_BENCH_HWL_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "IHwl.h"
+
+namespace bench {
+
+class Bench_hwl : public IHwl_AR0144 {
+public:
+    Bench_hwl(unsigned width, unsigned height, unsigned buffers, unsigned capture_mode = 0)
+        : w(width), h(height), mode(capture_mode), memory(size_t(width) * height * buffers, 128),
+          regs(65536, 0)
+    {
+        for (unsigned i = 0; i < buffers; ++i) {
+            Image_buffer_pointers p{};
+            p.image = p.capture = memory.data() + size_t(i) * width * height;
+            p.handle = int(0x2001 + i);
+            pointers.push_back(p);
+        }
+        std::memset(psoc, 0, sizeof psoc);
+    }
+    ~Bench_hwl() override { stop_pump(); }
+
+    Bench_hwl(const Bench_hwl&) = delete;
+    Bench_hwl& operator=(const Bench_hwl&) = delete;
+
+    /// Waits up to @p ms for an armed buffer and takes it; 0 on time-out.
+    int next_armed(unsigned ms = 2000)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!armed_cv.wait_for(lock, std::chrono::milliseconds(ms), [this] { return n_armed != 0; }))
+            return 0;
+        int handle = armed[first_armed];
+        first_armed = (first_armed + 1) % kRing;
+        --n_armed;
+        return handle;
+    }
+
+    /// The vsync callback for @p handle, on the calling thread.
+    void deliver(int handle)
+    {
+        Vsync_callback cb;
+        void* ctx;
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            cb = vsync;
+            ctx = context;
+        }
+        if (cb)
+            cb(handle, ctx);
+    }
+
+    /// Delivers every armed buffer at once from a thread of its own.
+    void start_pump()
+    {
+        pump_quit = false;
+        pump = std::thread([this] {
+            while (!pump_quit) {
+                int handle = next_armed(20);
+                if (handle)
+                    deliver(handle);
+            }
+        });
+    }
+
+    void stop_pump()
+    {
+        pump_quit = true;
+        if (pump.joinable())
+            pump.join();
+    }
+
+    /// Sensor power-ups (PSoC sensor resets before a register table load).
+    unsigned power_ups() const { return power_up_count; }
+
+    // IHwl ------------------------------------------------------------------
+    bool IsPsocSupported() override { return true; }
+    bool WriteIIC_PSOC(unsigned char a, unsigned char* d, unsigned int n) override
+    {
+        if (a == 55 && n == 1 && d && d[0] == 1)
+            ++power_up_count;
+        for (unsigned i = 0; i < n && a + i < sizeof psoc; ++i)
+            psoc[a + i] = d[i];
+        return true;
+    }
+    bool ReadIIC_PSOC(unsigned char a, unsigned char* d, unsigned int n) override
+    {
+        for (unsigned i = 0; i < n; ++i)
+            d[i] = a + i < sizeof psoc ? psoc[a + i] : 0;
+        return true;
+    }
+    Image_buffer_pointers* GetImageBuffers(uint64_t& count) override
+    {
+        count = pointers.size();
+        return pointers.data();
+    }
+    void ReleaseBuffer(int handle) override
+    {
+        // A buffer taken back before it filled is no longer armed.
+        std::lock_guard<std::mutex> hold(mutex);
+        unsigned kept = 0;
+        for (unsigned i = 0; i < n_armed; ++i) {
+            int h = armed[(first_armed + i) % kRing];
+            if (h != handle)
+                armed[(first_armed + kept++) % kRing] = h;
+        }
+        n_armed = kept;
+    }
+    bool RegisterVsyncNotification(Vsync_callback cb, void* ctx) override
+    {
+        std::lock_guard<std::mutex> hold(mutex);
+        vsync = cb;
+        context = ctx;
+        return true;
+    }
+    unsigned int GetScanHeight() override { return h; }
+    unsigned int GetScanWidth() override { return w; }
+    bool ImagerPowerUp() override { return true; }
+    bool ImagerPowerDown() override { return true; }
+    bool ImagerPowerOn() override { return true; }
+    bool ImagerPowerOff() override { return true; }
+    bool InitCapture(int handle) override
+    {
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            if (n_armed == kRing)
+                return false;
+            armed[(first_armed + n_armed++) % kRing] = handle;
+        }
+        armed_cv.notify_one();
+        return true;
+    }
+    bool ResetTransferHardware() override { return true; }
+    bool AimOn() override { return true; }
+    bool AimOff() override { return true; }
+    bool IllumConfig(unsigned int) override { return true; }
+    bool IllumOn() override { return true; }
+    bool IllumOff() override { return true; }
+    bool WriteReg(unsigned int address, uint16_t* values, uint64_t length) override
+    {
+        if (!values)
+            return false;
+        if (length == 1) {
+            regs[address & 0xFFFF] = values[0] & 0xFF;
+            return true;
+        }
+        for (uint64_t i = 0; i < length / 2; ++i)
+            regs[(address + 2 * i) & 0xFFFF] = values[i];
+        return true;
+    }
+    bool ReadReg(unsigned int address, uint16_t* values, uint64_t length) override
+    {
+        if (!values)
+            return false;
+        if (length == 1) {
+            values[0] = regs[address & 0xFFFF] & 0xFF;
+            return true;
+        }
+        for (uint64_t i = 0; i < length / 2; ++i)
+            values[i] = regs[(address + 2 * i) & 0xFFFF];
+        return true;
+    }
+    void GetConfig(Config* config) override
+    {
+        if (config && config->size >= 12)
+            config->capture_mode = mode;
+        if (config && config->size >= 16)
+            config->engine_variant = 1;
+    }
+    bool StartScanning() override
+    {
+        std::lock_guard<std::mutex> hold(mutex);
+        n_armed = 0;
+        return true;
+    }
+    bool StopScanning() override { return true; }
+
+private:
+    const unsigned w, h, mode;
+    std::vector<unsigned char> memory;
+    std::vector<Image_buffer_pointers> pointers;
+    std::vector<uint16_t> regs;  // guarded by the driver's monitor (its only caller)
+    unsigned char psoc[256];     // likewise
+    std::atomic<unsigned> power_up_count{0};
+
+    std::mutex mutex;
+    std::condition_variable armed_cv;
+    // Armed buffers in arming order (a ring: arming allocates nothing).
+    static constexpr unsigned kRing = 64;
+    int armed[kRing] = {};
+    unsigned first_armed = 0, n_armed = 0;
+    Vsync_callback vsync = nullptr;
+    void* context = nullptr;
+
+    std::atomic<bool> pump_quit{false};
+    std::thread pump;
+};
+
+} // namespace bench
+
+#endif

@@ -1,0 +1,135 @@
+// Frames per second through the whole driver: vsync, pixel sampling, the
+// exposure update, the hand-off to a client waiting in VQXSI_GetNewScan and
+// VQXSI_UnlockBuffer, which arms the next capture. The hardware layer
+// (Bench_hwl) delivers every armed buffer at once from its own thread, so the
+// driver is the only limit. Reported per frame: CPU time of the whole
+// process (all threads) and heap allocations in steady state.
+//
+// The engine geometry is fixed when the driver starts, so one process runs
+// one resolution: VQX_BENCH_RESOLUTION=WIDTHxHEIGHT (default 1280x800, the
+// AR0144 engine); bench/run_benchmarks.sh runs each resolution in turn.
+//
+// Allocations are counted by interposing the C library's allocator (every
+// C++ allocation goes through malloc): each call that allocates (malloc,
+// calloc, realloc, the aligned forms) counts one, in any thread.
+#include <benchmark/benchmark.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include <atomic>
+
+#include "Bench_support.h"
+
+// ---------------------------------------------------------------------------
+// Allocation counter
+// ---------------------------------------------------------------------------
+
+namespace {
+std::atomic<unsigned long> allocations{0};
+inline void count_one() { allocations.fetch_add(1, std::memory_order_relaxed); }
+} // namespace
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* p, size_t size);
+void __libc_free(void* p);
+void* __libc_memalign(size_t alignment, size_t size);
+
+void* malloc(size_t size)
+{
+    count_one();
+    return __libc_malloc(size);
+}
+void* calloc(size_t count, size_t size)
+{
+    count_one();
+    return __libc_calloc(count, size);
+}
+void* realloc(void* p, size_t size)
+{
+    count_one();
+    return __libc_realloc(p, size);
+}
+void free(void* p) { __libc_free(p); }
+void* memalign(size_t alignment, size_t size)
+{
+    count_one();
+    return __libc_memalign(alignment, size);
+}
+void* aligned_alloc(size_t alignment, size_t size)
+{
+    count_one();
+    return __libc_memalign(alignment, size);
+}
+int posix_memalign(void** out, size_t alignment, size_t size)
+{
+    count_one();
+    void* p = __libc_memalign(alignment, size);
+    if (!p)
+        return ENOMEM;
+    *out = p;
+    return 0;
+}
+} // extern "C"
+
+namespace {
+
+unsigned width = 1280, height = 800;
+
+void BM_Throughput_Driver(benchmark::State& state)
+{
+    bench::Bench_hwl& hwl = bench::the_hwl(width, height);
+    VQXSI_HANDLE h = bench::open_session();
+    VQXSI_StartScanning(h);
+    hwl.start_pump();
+    // Warm up: the first frames run the exposure start-up.
+    for (int i = 0; i < 200; ++i)
+        if (void* frame = VQXSI_GetNewScan(h))
+            VQXSI_UnlockBuffer(h, frame);
+    const unsigned long allocs0 = allocations.load();
+    const double cpu0 = bench::process_cpu_seconds();
+    uint64_t lost = 0;
+    for (auto _ : state) {
+        void* frame = VQXSI_GetNewScan(h);
+        if (!frame) {
+            ++lost;
+            continue;
+        }
+        VQXSI_UnlockBuffer(h, frame);
+    }
+    const double cpu = bench::process_cpu_seconds() - cpu0;
+    const unsigned long allocs = allocations.load() - allocs0;
+    hwl.stop_pump();
+    VQXSI_StopScanning(h);
+    VQXSI_CloseSessionWithScanEngine(h);
+    const double frames = double(state.iterations());
+    state.SetItemsProcessed(int64_t(state.iterations()));
+    state.counters["cpu_us_per_frame"] = cpu * 1e6 / frames;
+    state.counters["allocs_per_frame"] = double(allocs) / frames;
+    state.counters["lost"] = double(lost);
+    state.SetLabel(std::to_string(width) + "x" + std::to_string(height));
+}
+BENCHMARK(BM_Throughput_Driver)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (const char* r = std::getenv("VQX_BENCH_RESOLUTION")) {
+        if (std::sscanf(r, "%ux%u", &width, &height) != 2 || width < 16 || height < 16) {
+            std::fprintf(stderr, "throughput_bench: bad VQX_BENCH_RESOLUTION '%s' (WIDTHxHEIGHT)\n", r);
+            return 2;
+        }
+    }
+    bench::start_idle_thread();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

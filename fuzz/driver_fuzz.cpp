@@ -1,0 +1,512 @@
+// libFuzzer target: an input is a sequence of calls of the exported
+// interface and of hardware faults, run against the simulated engine behind
+// a Fault_hwl; after every call and at the end of the input the driver's
+// invariants must hold.
+//
+// Input format: one byte selects an operation (byte % operation count); the
+// operation reads its arguments from the bytes that follow (0 once the input
+// is exhausted). At most 96 operations run per input.
+//
+// The simulator runs in step mode: frames happen only when the input asks
+// for one ("frame") or while a call that must wait for a frame runs (a pump
+// thread steps the simulator during VQXSI_GetSingleFrame and at the end of
+// the input). VQXSI_GetNewScan is only called when it cannot wait: the
+// session is not scanning, a frame waits in the hand-off, the stream is
+// stalled or every buffer is with the client (checked, and the call made,
+// with the sensor's monitor held, so that no alarm changes the answer in
+// between).
+//
+// At the end of an input the hardware recovers (held-back frames are
+// announced, stop confirmations made), every session is closed, and then:
+// the counts are zero, the engine is off, the stream stopped, every buffer
+// free and back with the hardware layer, every delivered frame came back,
+// no frame was handed out twice, and every frame the client held could be
+// given back while it was surely its own.
+//
+// Fault classes can be limited with VQX_FUZZ_FAULTS (a comma list of drop,
+// duplicate, zero, unknown, regfail, stall, defer, never, startfail, sleep;
+// default all), e.g. to fuzz past a known defect.
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <VQXScanInterface.h>
+
+#include "Driver_invariants.h"
+#include "Fault_hwl.h"
+#include "Simulator.h"
+#include "scan_session.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned kMaxOps = 96;
+constexpr unsigned kSlots = 3;
+constexpr unsigned kWaitBudgetMs = 40;
+constexpr unsigned kEndBoundMs = 2000 + 2000 + 2000;
+
+struct Engine {
+    vqxsim::Simulator* sim = nullptr;
+    robust::Fault_hwl* hwl = nullptr;
+    std::string faults;  // empty: all
+    std::atomic<bool> pumping{false};
+    std::atomic<bool> quit{false};
+    std::thread pump;
+
+    bool fault(const char* name) const
+    {
+        if (faults.empty())
+            return true;
+        const std::string list = "," + faults + ",";
+        return list.find("," + std::string(name) + ",") != std::string::npos;
+    }
+};
+
+Engine& engine()
+{
+    static Engine* e = [] {
+        auto* made = new Engine;  // lives until exit: the driver keeps its hardware layer
+        vqxsim::Config c;
+        c.engine = "X7710";
+        c.buffers = 4;
+        c.real_time = false;
+        c.render = vqxsim::Render_mode::none;
+        std::string error;
+        std::unique_ptr<vqxsim::Simulator> sim = vqxsim::Simulator::create(c, &error);
+        if (!sim) {
+            std::fprintf(stderr, "driver_fuzz: simulator: %s\n", error.c_str());
+            std::abort();
+        }
+        made->sim = sim.release();
+        made->hwl = new robust::Fault_hwl(*made->sim->hwl(), 42);
+        if (const char* f = std::getenv("VQX_FUZZ_FAULTS"))
+            made->faults = f;
+        vqxsim::set_instance_for_InitHWLayer(made->hwl);
+        made->pump = std::thread([made] {
+            while (!made->quit) {
+                if (made->pumping && made->sim->buffers_in(vqxsim::Buffer_state::armed) > 0)
+                    made->sim->step(1, 5);
+                else
+                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+        });
+        made->pump.detach();
+        return made;
+    }();
+    return *e;
+}
+
+[[noreturn]] void violated(const std::string& what)
+{
+    std::fprintf(stderr, "driver_fuzz: invariant violated: %s\n  driver: %s\n", what.c_str(),
+                 robust::snapshot().describe().c_str());
+    std::abort();
+}
+
+class Input {
+public:
+    Input(const uint8_t* d, size_t n) : data(d), size(n) {}
+    bool more() const { return pos < size; }
+    uint8_t byte() { return pos < size ? data[pos++] : 0; }
+    uint32_t word()
+    {
+        uint32_t v = 0;
+        for (int i = 0; i < 4; ++i)
+            v |= uint32_t(byte()) << (8 * i);
+        return v;
+    }
+
+private:
+    const uint8_t* data;
+    size_t size;
+    size_t pos = 0;
+};
+
+struct Held {
+    void* frame;
+    uint64_t epoch;
+};
+
+class Run {
+public:
+    explicit Run(Engine& e) : eng(e), hwl(*e.hwl) {}
+
+    void execute(Input& in)
+    {
+        for (unsigned n = 0; n < kMaxOps && in.more(); ++n) {
+            step(in);
+            const robust::Buffer_census c = robust::snapshot().buffers;
+            if (!c.error.empty())
+                violated("buffer records: " + c.error);
+        }
+        finish();
+    }
+
+private:
+    VQXSI_HANDLE& slot(Input& in) { return slots[in.byte() % kSlots]; }
+
+    void step(Input& in)
+    {
+        switch (in.byte() % 19) {
+        case 0: open(in); break;
+        case 1: close(in); break;
+        case 2: start(in); break;
+        case 3: stop(in); break;
+        case 4: frame(in); break;
+        case 5: get_new_scan(in); break;
+        case 6: give_back(in); break;
+        case 7: bad_unlock(in); break;
+        case 8: single_frame(in); break;
+        case 9: lights(in); break;
+        case 10: exposure(in); break;
+        case 11: exposure_mode(in); break;
+        case 12: properties(in); break;
+        case 13: sleep_timeout(in); break;
+        case 14: fault(in); break;
+        case 15: wait(in); break;
+        case 16: null_handle(in); break;
+        case 17: hwl.confirm_stops(); break;
+        default: hwl.release_stalled(); break;
+        }
+    }
+
+    void open(Input& in)
+    {
+        VQXSI_HANDLE& h = slot(in);
+        if (h)
+            return;
+        h = VQXSI_OpenSessionWithScanEngine();
+        if (!h)
+            violated("VQXSI_OpenSessionWithScanEngine failed");
+    }
+
+    void close(Input& in)
+    {
+        VQXSI_HANDLE& h = slot(in);
+        ++epoch;  // takes the session's frames back
+        VQXSI_CloseSessionWithScanEngine(h);
+        h = nullptr;
+    }
+
+    void start(Input& in)
+    {
+        VQXSI_HANDLE h = slot(in);
+        if (!h)
+            return;
+        ++epoch;  // a failed start undoes itself with a stop
+        VQXSI_StartScanning(h);
+    }
+
+    void stop(Input& in)
+    {
+        VQXSI_HANDLE h = slot(in);
+        if (!h)
+            return;
+        const unsigned before = reinterpret_cast<Scan_session*>(h)->Get_scan_count();
+        ++epoch;
+        const VQXSI_BOOL r = VQXSI_StopScanning(h);
+        if ((before != 0) != (r == 1))
+            violated("VQXSI_StopScanning result does not match the session's starts");
+    }
+
+    void frame(Input& in)
+    {
+        const unsigned n = 1 + in.byte() % 3;
+        for (unsigned i = 0; i < n && eng.sim->buffers_in(vqxsim::Buffer_state::armed) > 0; ++i)
+            eng.sim->step(1, 50);
+    }
+
+    // Calls VQXSI_GetNewScan only when it returns at once (see the header).
+    void get_new_scan(Input& in)
+    {
+        VQXSI_HANDLE h = slot(in);
+        if (!h)
+            return;
+        Scan_driver& d = *the_scan_driver;
+        void* frame = nullptr;
+        {
+            auto lock = static_cast<Sensor volatile*>(d.sensor)->get_lock();
+            const bool scanning = reinterpret_cast<Scan_session*>(h)->Get_scan_count() != 0;
+            const bool at_once = !scanning || d.available_buffer->buffer_available() ||
+                                 d.stream_driver->stalled() || d.buffer_locker->circulating_buffers() == 0;
+            if (!at_once)
+                return;
+            frame = VQXSI_GetNewScan(h);
+        }
+        if (!frame)
+            return;
+        if (!hwl.mark_handed(frame))
+            violated("hand-out: " + hwl.accounting().first_mark_error);
+        held.push_back({frame, epoch});
+    }
+
+    void give_back(Input& in)
+    {
+        if (held.empty())
+            return;
+        const size_t i = in.byte() % held.size();
+        const Held item = held[i];
+        held.erase(held.begin() + long(i));
+        VQXSI_HANDLE h = slot(in);
+        if (!h)
+            return;
+        const VQXSI_BOOL r = VQXSI_UnlockBuffer(h, item.frame);
+        if (item.epoch == epoch && r != 1)
+            violated("VQXSI_UnlockBuffer refused a frame the client surely held");
+        ++epoch;  // an unlock of a reclaimed frame may take another's
+    }
+
+    void bad_unlock(Input& in)
+    {
+        VQXSI_HANDLE h = slot(in);
+        if (!h)
+            return;
+        int local = 0;
+        const unsigned what = in.byte() % 4;
+        void* p = nullptr;
+        std::vector<unsigned char*> buffers = hwl.buffer_addresses();
+        if (what == 0)
+            p = &local;
+        else if (what == 1 && !buffers.empty())
+            p = buffers[in.byte() % buffers.size()] + 1 + in.byte();  // inside a buffer
+        if (what <= 1) {
+            if (VQXSI_UnlockBuffer(h, p) != 0)
+                violated("VQXSI_UnlockBuffer accepted an address that is no frame");
+            return;
+        }
+        if (buffers.empty())
+            return;
+        ++epoch;  // may take a held frame back
+        VQXSI_UnlockBuffer(h, buffers[in.byte() % buffers.size()]);
+    }
+
+    void single_frame(Input& in)
+    {
+        VQXSI_HANDLE h = slot(in);
+        // The call waits for its frame: only where one can come. The stop
+        // that the frame triggers is confirmed only once the call returned:
+        // a stop completed before the client took the frame discards it
+        // with the stream (known defect) and the call would wait 30 s.
+        if (!h || hwl.stall || hwl.start_fail || hwl.stop_mode == robust::Fault_hwl::Stop_mode::never)
+            return;
+        if (robust::snapshot().scanning_count != 0)
+            return;
+        ++epoch;
+        const robust::Fault_hwl::Stop_mode mode = hwl.stop_mode;
+        const unsigned defer = hwl.defer_ms;
+        hwl.stop_mode = robust::Fault_hwl::Stop_mode::deferred;
+        hwl.defer_ms = 3600 * 1000;
+        eng.pumping = true;
+        const auto t0 = Clock::now();
+        void* frame = VQXSI_GetSingleFrame(h);
+        eng.pumping = false;
+        hwl.confirm_stops();
+        hwl.stop_mode = mode;
+        hwl.defer_ms = defer;
+        if (Clock::now() - t0 > std::chrono::seconds(10))
+            violated("VQXSI_GetSingleFrame waited more than 10 s for a stream that delivers frames");
+        if (!frame)
+            return;
+        if (!hwl.mark_handed(frame))
+            violated("single frame hand-out: " + hwl.accounting().first_mark_error);
+        held.push_back({frame, epoch});
+    }
+
+    void lights(Input& in)
+    {
+        VQXSI_HANDLE h = slot(in);
+        if (!h)
+            return;
+        static const uint32_t sizes[] = {0, 1, 7, 27, 28, 29, 0xFFFFFFFFu, 12};
+        VQX_SCANNER_LIGHTING l;
+        l.size = sizes[in.byte() % 8];
+        l.scanning_mode = in.byte() % 10;
+        l.idle_mode = in.byte() % 4 == 0 ? in.byte() % 9 : 0;
+        l.reserved = in.byte();
+        l.level_a = in.byte();
+        l.level_b = in.byte();
+        l.boost = in.byte() % 2;
+        if (in.byte() % 2) {
+            if (VQXSI_SetLights(h, &l) != 1)
+                violated("VQXSI_SetLights failed");
+        } else {
+            const uint32_t size = l.size;
+            if (VQXSI_GetLights(h, &l) != 1 || l.size != (size < 28 ? size : 28))
+                violated("VQXSI_GetLights");
+        }
+    }
+
+    void exposure(Input& in)
+    {
+        VQXSI_HANDLE h = slot(in);
+        if (!h)
+            return;
+        uint32_t pairs[8];
+        const unsigned n = 1 + in.byte() % 4;
+        for (unsigned k = 0; k < n; ++k) {
+            pairs[2 * k] = in.byte() % 2 ? in.word() : in.byte() % 25;
+            pairs[2 * k + 1] = in.word();
+        }
+        const uint32_t size = 8 * n - in.byte() % 8;
+        if (in.byte() % 2) {
+            if (VQXSI_SetExposureSettings(h, pairs, size) != 1)
+                violated("VQXSI_SetExposureSettings failed");
+        } else if (VQXSI_GetExposureSettings(h, pairs, size) != 1) {
+            violated("VQXSI_GetExposureSettings failed");
+        }
+    }
+
+    void exposure_mode(Input& in)
+    {
+        VQXSI_HANDLE h = slot(in);
+        if (h && VQXSI_SetExposureMode(h, in.word()) != 1)
+            violated("VQXSI_SetExposureMode failed");
+    }
+
+    void properties(Input& in)
+    {
+        VQXSI_HANDLE h = slot(in);
+        if (!h)
+            return;
+        unsigned char raw[520];
+        const uint32_t size = (uint32_t(in.byte()) << 1) % sizeof raw;
+        if (VQXSI_GetScanEnginePropertiesEx(h, reinterpret_cast<VQX_SCANENGINE_PROPERTIES_EX*>(raw), size) != 1)
+            violated("VQXSI_GetScanEnginePropertiesEx failed");
+        char revision[8];
+        if (VQXSI_GetScanDriverRevision(h, revision) != 1 || std::strcmp(revision, "2.138") != 0)
+            violated("VQXSI_GetScanDriverRevision");
+    }
+
+    void sleep_timeout(Input& in)
+    {
+        if (!eng.fault("sleep"))
+            return;
+        VQXSI_HANDLE h = slot(in);
+        static const uint32_t values[] = {0, 1, 5, 0xFFFFFFFFu};
+        const uint32_t ms = values[in.byte() % 4];
+        VQXSI_SetSleepTimeout(h, ms);
+        uint32_t back = 0;
+        if (VQXSI_GetSleepTimeout(h, &back) != 1)
+            violated("VQXSI_GetSleepTimeout failed");
+        if (!h && back != ms)
+            violated("the default sleep time-out did not read back");
+    }
+
+    void fault(Input& in)
+    {
+        using Mode = robust::Fault_hwl::Stop_mode;
+        const double p = (in.byte() % 5) * 0.25;
+        switch (in.byte() % 10) {
+        case 0: if (eng.fault("drop")) hwl.p_drop = p; break;
+        case 1: if (eng.fault("duplicate")) hwl.p_duplicate = p; break;
+        case 2: if (eng.fault("zero")) hwl.p_zero = p; break;
+        case 3: if (eng.fault("unknown")) hwl.p_unknown = p; break;
+        case 4: if (eng.fault("regfail")) hwl.p_write_fail = p; break;
+        case 5: if (eng.fault("stall")) hwl.stall = !hwl.stall; break;
+        case 6: if (eng.fault("defer")) { hwl.stop_mode = Mode::deferred; hwl.defer_ms = in.byte() % 20; } break;
+        case 7: if (eng.fault("never")) hwl.stop_mode = Mode::never; break;
+        case 8: hwl.stop_mode = Mode::at_once; break;
+        default: if (eng.fault("startfail")) hwl.start_fail = !hwl.start_fail; break;
+        }
+    }
+
+    void wait(Input& in)
+    {
+        const unsigned ms = in.byte() % 20;
+        if (waited + ms > kWaitBudgetMs)
+            return;
+        waited += ms;
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    }
+
+    void null_handle(Input& in)
+    {
+        VQX_SCANNER_LIGHTING l = {28, 5, 0, 0, 100, 100, 0};
+        uint32_t pairs[2] = {1, 2};
+        int local = 0;
+        errno = 0;
+        bool ok = true;
+        switch (in.byte() % 8) {
+        case 0: ok = VQXSI_GetNewScan(nullptr) == nullptr; break;
+        case 1: ok = VQXSI_StartScanning(nullptr) == 0; break;
+        case 2: ok = VQXSI_StopScanning(nullptr) == 0; break;
+        case 3: ok = VQXSI_UnlockBuffer(nullptr, &local) == 0; break;
+        case 4: ok = VQXSI_SetLights(nullptr, &l) == 0; break;
+        case 5: ok = VQXSI_GetExposureSettings(nullptr, pairs, 8) == 0; break;
+        case 6: ok = VQXSI_GetSingleFrame(nullptr) == nullptr; break;
+        default: ok = VQXSI_SetExposureMode(nullptr, 1) == 0; break;
+        }
+        if (!ok || errno != EINVAL)
+            violated("a null handle did not give 0 with EINVAL");
+    }
+
+    void finish()
+    {
+        hwl.clear_faults();
+        hwl.stop_mode = robust::Fault_hwl::Stop_mode::deferred;
+        hwl.defer_ms = 1;
+        hwl.release_stalled();
+        hwl.confirm_stops(true);
+        for (const Held& item : held)
+            for (VQXSI_HANDLE h : slots)
+                if (h) {
+                    VQXSI_UnlockBuffer(h, item.frame);
+                    break;
+                }
+        held.clear();
+        eng.pumping = true;  // captures still armed complete the stops
+        for (VQXSI_HANDLE& h : slots) {
+            VQXSI_CloseSessionWithScanEngine(h);
+            h = nullptr;
+        }
+        VQXSI_SetSleepTimeout(nullptr, 0);
+        const auto deadline = Clock::now() + std::chrono::milliseconds(kEndBoundMs);
+        std::string problem;
+        for (;;) {
+            hwl.confirm_stops(true);
+            problem = robust::check_all_closed(robust::snapshot());
+            if (problem.empty() && hwl.buffers_out() != 0)
+                problem = std::to_string(hwl.buffers_out()) + " buffers not back with the hardware layer";
+            if (problem.empty() || Clock::now() > deadline)
+                break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        eng.pumping = false;
+        if (!problem.empty())
+            violated("after the last close: " + problem);
+        const auto a = hwl.accounting();
+        if (a.lives_begun != a.lives_ended)
+            violated("a delivered frame never went back to the hardware layer");
+        if (a.mark_errors != 0)
+            violated("hand-out: " + a.first_mark_error);
+        if (eng.sim->buffers_in(vqxsim::Buffer_state::armed) + eng.sim->buffers_in(vqxsim::Buffer_state::delivered) != 0)
+            violated("simulator buffers still armed or filled");
+    }
+
+    Engine& eng;
+    robust::Fault_hwl& hwl;
+    VQXSI_HANDLE slots[kSlots] = {};
+    std::vector<Held> held;
+    uint64_t epoch = 0;
+    unsigned waited = 0;
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    Engine& e = engine();
+    Input in(data, size);
+    Run run(e);
+    run.execute(in);
+    return 0;
+}

@@ -1,0 +1,168 @@
+// Misuse of the frame functions: VQXSI_GetNewScan and VQXSI_UnlockBuffer.
+#include <thread>
+#include <vector>
+
+#include "misuse_support.h"
+
+namespace misuse {
+namespace {
+
+using robust::snapshot;
+
+TEST_F(Misuse_test, GetNewScan)
+{
+    mark_errno();
+    EXPECT_EQ(VQXSI_GetNewScan(nullptr), nullptr);
+    EXPECT_EQ(errno, EINVAL);
+
+    Session s;
+    // Not scanning: null at once, errno untouched.
+    mark_errno();
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(VQXSI_GetNewScan(s), nullptr);
+    EXPECT_LT(elapsed_ms(start), 1000);
+    EXPECT_EQ(errno, 12345);
+
+    // Frames flow; a frame is owned by the client until it is given back.
+    void* frame = first_frame(s);
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(snapshot().buffers.held, 1u);
+    EXPECT_EQ(VQXSI_UnlockBuffer(s, frame), 1);
+    for (int i = 0; i < 10; ++i) {
+        frame = VQXSI_GetNewScan(s);
+        ASSERT_NE(frame, nullptr);
+        EXPECT_TRUE(hwl().mark_handed(frame));
+        EXPECT_EQ(VQXSI_UnlockBuffer(s, frame), 1);
+    }
+
+    // After the last stop the session is not scanning any more.
+    ASSERT_EQ(VQXSI_StopScanning(s), 1);
+    EXPECT_EQ(VQXSI_GetNewScan(s), nullptr);
+}
+
+TEST_F(Misuse_test, GetNewScanGivesUpOnAStalledStream)
+{
+    Session s;
+    void* frame = first_frame(s);
+    ASSERT_NE(frame, nullptr);
+    ASSERT_EQ(VQXSI_UnlockBuffer(s, frame), 1);
+
+    // Frames stop after having flowed: the waiting client is released by the
+    // stall alarm (2000 ms after the last frame), not by the 30 s time-out.
+    hwl().stall = true;
+    const auto start = std::chrono::steady_clock::now();
+    void* got = nullptr;
+    for (int i = 0; i < 10 && (got = VQXSI_GetNewScan(s)) != nullptr; ++i)
+        VQXSI_UnlockBuffer(s, got);  // frames filled before the stall
+    EXPECT_EQ(got, nullptr);
+    EXPECT_LT(elapsed_ms(start), 2000 + 8000);
+
+    // A stalled stream answers at once from then on.
+    const auto again = std::chrono::steady_clock::now();
+    EXPECT_EQ(VQXSI_GetNewScan(s), nullptr);
+    EXPECT_LT(elapsed_ms(again), 1000);
+
+    // Stop and start recover.
+    hwl().stall = false;
+    ASSERT_EQ(VQXSI_StopScanning(s), 1);
+    frame = first_frame(s);
+    EXPECT_NE(frame, nullptr);
+}
+
+TEST_F(Misuse_test, GetNewScanWithEveryBufferHeldByTheClient)
+{
+    Session s;
+    ASSERT_EQ(VQXSI_StartScanning(s), 1);
+    // In capture modes that arm the next buffer while the client holds a
+    // frame, the client can take every buffer; the next call then returns
+    // null at once instead of waiting.
+    std::vector<void*> held;
+    const size_t total = sim().config().buffers;
+    const auto start = std::chrono::steady_clock::now();
+    while (held.size() <= total) {
+        void* frame = VQXSI_GetNewScan(s);
+        if (!frame)
+            break;
+        held.push_back(frame);
+    }
+    const long took = elapsed_ms(start);
+    EXPECT_LE(held.size(), total);
+    if (held.size() == total) {
+        EXPECT_EQ(snapshot().buffers.held, total);
+        const auto at_once = std::chrono::steady_clock::now();
+        EXPECT_EQ(VQXSI_GetNewScan(s), nullptr);
+        EXPECT_LT(elapsed_ms(at_once), 1000) << "all buffers with the client: no wait";
+    } else {
+        // One frame at a time (capture modes 0 and 5): the stream waits for
+        // a buffer and the client gives up by the stall alarm.
+        EXPECT_LT(took, 2000 + 8000);
+    }
+    for (void* frame : held)
+        EXPECT_EQ(VQXSI_UnlockBuffer(s, frame), 1);
+    // Giving frames back resumes the stream.
+    void* frame = VQXSI_GetNewScan(s);
+    if (!frame) {  // the stream was counted as stalled: restart it
+        ASSERT_EQ(VQXSI_StopScanning(s), 1);
+        frame = first_frame(s);
+    }
+    EXPECT_NE(frame, nullptr);
+}
+
+TEST_F(Misuse_test, UnlockBuffer)
+{
+    mark_errno();
+    int local = 0;
+    EXPECT_EQ(VQXSI_UnlockBuffer(nullptr, &local), 0);
+    EXPECT_EQ(errno, EINVAL);
+
+    Session s;
+    void* frame = first_frame(s);
+    ASSERT_NE(frame, nullptr);
+    const auto before = snapshot().buffers;
+
+    // Addresses that are no frame: null, the stack, inside a frame, one past
+    // the last buffer. Nothing changes, errno is untouched.
+    std::vector<unsigned char*> buffers = hwl().buffer_addresses();
+    ASSERT_FALSE(buffers.empty());
+    const size_t frame_bytes = size_t(sim().hwl()->GetScanWidth()) * sim().hwl()->GetScanHeight();
+    void* not_frames[] = {nullptr, &local, static_cast<unsigned char*>(frame) + 1,
+                          buffers.back() + frame_bytes};
+    for (void* p : not_frames) {
+        mark_errno();
+        EXPECT_EQ(VQXSI_UnlockBuffer(s, p), 0) << p;
+        EXPECT_EQ(errno, 12345);
+    }
+    // Buffers never handed out (free or armed for capture): refused, the
+    // scan driver keeps them.
+    for (unsigned char* p : buffers) {
+        if (p == frame)
+            continue;
+        EXPECT_EQ(VQXSI_UnlockBuffer(s, p), 0);
+    }
+    const auto after = snapshot().buffers;
+    EXPECT_EQ(after.error, "");
+    EXPECT_EQ(after.held, before.held);
+
+    // The client's frame: once, then never again.
+    EXPECT_EQ(VQXSI_UnlockBuffer(s, frame), 1);
+    EXPECT_EQ(VQXSI_UnlockBuffer(s, frame), 0);
+
+    // A frame reclaimed by the last stop cannot be given back afterwards.
+    frame = VQXSI_GetNewScan(s);
+    ASSERT_NE(frame, nullptr);
+    ASSERT_EQ(VQXSI_StopScanning(s), 1);
+    EXPECT_EQ(snapshot().buffers.held, 0u);
+    EXPECT_EQ(VQXSI_UnlockBuffer(s, frame), 0);
+
+    // The frame of another session is the client's too: any session of the
+    // process may give it back (buffers belong to the client, not to one
+    // session).
+    Session other;
+    frame = first_frame(s);
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(VQXSI_UnlockBuffer(other, frame), 1);
+    EXPECT_EQ(VQXSI_UnlockBuffer(s, frame), 0);
+}
+
+} // namespace
+} // namespace misuse

@@ -1,0 +1,1058 @@
+// The stress load (see stress_load.h).
+//
+// Bounds the watchdog enforces on one call, measured inside the exported
+// function (a test-side lock wait does not count):
+//   - VQXSI_GetNewScan and VQXSI_GetSingleFrame: the 30 s frame wait plus a
+//     margin; and while the hardware layer holds every frame back (stall
+//     fault) and the stream is scanning, the stall must release the caller:
+//     2000 ms after the last frame (or the first-frame retries), plus a
+//     margin for a call queued behind another one of the same session;
+//   - every other call on a session another thread is waiting in: the same
+//     30 s plus margin (calls of one session are serialised);
+//   - every other call: two 2000 ms stop waits (close of a scanning
+//     session) plus a margin.
+// A call past its bound fails the run at once: every client's state and the
+// driver's are printed and the process exits.
+#include "stress_load.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <shared_mutex>
+#include <thread>
+#include <vector>
+
+#include <VQXScanInterface.h>
+
+#include "Driver_invariants.h"
+#include "Fault_hwl.h"
+#include "Simulator.h"
+#include "scan_session.h"
+
+namespace stress {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr long kFrameWaitBound = 30000 + 6000;
+constexpr long kStallGiveUpBound = 2000 + 4 * 150 + 8000;
+constexpr long kCallBound = 2 * 2000 + 4000;
+constexpr long kQuietStopBound = 2000 + 2000 + 3000;
+constexpr unsigned kMaxHeld = 2;
+constexpr uint64_t kUncertain = ~uint64_t(0);
+
+// ---------------------------------------------------------------------------
+// Shared state
+// ---------------------------------------------------------------------------
+
+struct Slot {
+    std::shared_mutex use;  // shared by calls, exclusive to close and reopen
+    VQXSI_HANDLE handle = nullptr;
+    std::atomic<unsigned> waiting{0};  // GetNewScan calls in progress
+    std::unique_ptr<std::atomic<int>[]> starts;  // per client thread
+};
+
+struct Client_state {
+    std::atomic<const char*> op{"idle"};
+    std::atomic<long> since{-1};  // ms since the run began; -1 outside a call
+    std::atomic<long> bound{0};
+    std::atomic<int> slot{-1};
+    std::atomic<bool> frame_wait{false};
+    std::atomic<uint64_t> calls{0};
+};
+
+struct Held {
+    void* frame;
+    uint64_t epoch;  // reclaim epoch before the GetNewScan; kUncertain if unknown
+};
+
+struct Counts {
+    std::atomic<uint64_t> calls{0}, handed_certain{0}, handed_uncertain{0}, null_frames{0},
+        unlocks{0}, starts{0}, stops{0}, single_frames{0}, reopens{0}, misuses{0},
+        quiet_points{0};
+};
+
+class Load {
+public:
+    explicit Load(const Options& o);
+    Result run();
+
+private:
+    // Set-up and checks.
+    void build_engine();
+    std::string quiet_check(const char* where);
+    std::string final_check();
+    [[noreturn]] void watchdog_failure(const std::string& what);
+    void watchdog();
+    void fail(const std::string& what);
+
+    // Scheduling.
+    void plan_phase(std::mt19937_64& rng);
+    void quiet_point();
+
+    // Clients.
+    void client(unsigned me);
+    void drain(unsigned me, std::vector<Held>& held, std::mt19937_64& rng);
+    void pause_here(unsigned me, std::vector<Held>& held, std::mt19937_64& rng);
+    template <class F> auto call(unsigned me, const char* op, int slot, long bound, F f) -> decltype(f());
+    long bound_for(unsigned slot) { return slots[slot].waiting ? kFrameWaitBound : kCallBound; }
+
+    void op_get_new_scan(unsigned me, std::vector<Held>& held, std::mt19937_64& rng);
+    void give_back(unsigned me, Held item, std::mt19937_64& rng);
+    void op_start(unsigned me, std::mt19937_64& rng);
+    void op_stop(unsigned me, std::mt19937_64& rng);
+    void op_single_frame(unsigned me, std::vector<Held>& held, std::mt19937_64& rng);
+    void op_reopen(unsigned me, std::mt19937_64& rng);
+    void op_lights(unsigned me, std::mt19937_64& rng);
+    void op_exposure(unsigned me, std::mt19937_64& rng);
+    void op_properties(unsigned me, std::mt19937_64& rng);
+    void op_sleep(unsigned me, std::mt19937_64& rng);
+    void op_null_handle(unsigned me, std::mt19937_64& rng);
+    void op_bad_unlock(unsigned me, std::vector<Held>& held, std::mt19937_64& rng);
+    void op_stop_without_start(unsigned me, std::mt19937_64& rng);
+
+    long now_ms() const
+    {
+        return long(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count());
+    }
+
+    const Options opt;
+    const Clock::time_point begin = Clock::now();
+    vqxsim::Simulator* sim = nullptr;
+    robust::Fault_hwl* hwl = nullptr;
+
+    std::vector<Slot> slots;
+    std::vector<Client_state> clients;
+    std::shared_mutex reclaim;
+    std::atomic<uint64_t> epoch{0};
+    Counts count;
+
+    std::atomic<bool> stop{false};
+    std::atomic<bool> failed{false};
+    std::mutex failure_mutex;
+    std::string failure;
+
+    // Quiet points.
+    std::mutex pause_mutex;
+    std::condition_variable pause_cv;
+    bool pause_requested = false;  // guarded by pause_mutex
+    unsigned arrived = 0;          // guarded by pause_mutex
+    uint64_t pause_generation = 0; // guarded by pause_mutex
+    std::atomic<bool> pause_flag{false};
+
+    // Stall window of the current phase.
+    std::atomic<long> stall_since{-1};
+    std::atomic<bool> watchdog_quit{false};
+};
+
+// ---------------------------------------------------------------------------
+// Set-up
+// ---------------------------------------------------------------------------
+
+Load::Load(const Options& o) : opt(o), slots(o.sessions), clients(o.threads)
+{
+    for (Slot& s : slots) {
+        s.starts.reset(new std::atomic<int>[o.threads]);
+        for (unsigned t = 0; t < o.threads; ++t)
+            s.starts[t] = 0;
+    }
+}
+
+void Load::build_engine()
+{
+    static vqxsim::Simulator* shared_sim = nullptr;
+    static robust::Fault_hwl* shared_hwl = nullptr;
+    if (!shared_sim) {
+        vqxsim::Config c;
+        c.engine = "X7710";
+        c.fps = 250.0;
+        c.buffers = 4;
+        c.render = vqxsim::Render_mode::none;
+        c.capture_mode = opt.capture_mode;
+        c.seed = opt.seed;
+        if (opt.fault("storm"))
+            c.faults.storm = vqxsim::Trigger::with_probability(0.1);
+        if (opt.fault("hwstall"))
+            c.faults.stall_after = 150 + opt.seed % 100;
+        std::string error;
+        std::unique_ptr<vqxsim::Simulator> made = vqxsim::Simulator::create(c, &error);
+        if (!made) {
+            std::fprintf(stderr, "stress: simulator: %s\n", error.c_str());
+            std::exit(2);
+        }
+        // Both live until the process exits: the driver keeps its hardware
+        // layer for good.
+        shared_sim = made.release();
+        shared_hwl = new robust::Fault_hwl(*shared_sim->hwl(), opt.seed * 7919 + 1);
+        vqxsim::set_instance_for_InitHWLayer(shared_hwl);
+    }
+    sim = shared_sim;
+    hwl = shared_hwl;
+    const double p = 0.02;
+    hwl->p_drop = opt.fault("drop") ? p : 0.0;
+    hwl->p_duplicate = opt.fault("duplicate") ? p : 0.0;
+    hwl->p_zero = opt.fault("zero") ? p : 0.0;
+    hwl->p_unknown = opt.fault("unknown") ? p : 0.0;
+    hwl->p_write_fail = opt.fault("regfail") ? 0.01 : 0.0;
+}
+
+void Load::fail(const std::string& what)
+{
+    std::lock_guard<std::mutex> hold(failure_mutex);
+    if (failure.empty())
+        failure = what;
+    failed = true;
+    stop = true;
+    pause_cv.notify_all();
+}
+
+// ---------------------------------------------------------------------------
+// Watchdog
+// ---------------------------------------------------------------------------
+
+// The driver's state, if its monitor can be had within half a second.
+std::string driver_state_or_deadlock()
+{
+    auto shared = std::make_shared<std::string>();
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    std::thread([shared, done] {
+        *shared = robust::snapshot().describe();
+        done->store(true);
+    }).detach();
+    for (int i = 0; i < 50 && !done->load(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return done->load() ? *shared : std::string("driver monitor not available (deadlock?)");
+}
+
+void Load::watchdog_failure(const std::string& what)
+{
+    std::fprintf(stderr, "\nstress: WATCHDOG: %s (seed %llu, at %ld ms)\n", what.c_str(),
+                 static_cast<unsigned long long>(opt.seed), now_ms());
+    const long now = now_ms();
+    for (unsigned i = 0; i < clients.size(); ++i) {
+        const Client_state& c = clients[i];
+        const long since = c.since;
+        std::fprintf(stderr, "  client %u: %s on session %d, %s, %llu calls\n", i, c.op.load(),
+                     c.slot.load(), since < 0 ? "not in a call" : (std::to_string(now - since) + " ms in the call").c_str(),
+                     static_cast<unsigned long long>(c.calls.load()));
+    }
+    std::fprintf(stderr, "  driver: %s\n", driver_state_or_deadlock().c_str());
+    const auto a = hwl->accounting();
+    std::fprintf(stderr, "  hardware layer: %u buffers out, stall %s, %zu stop confirmations pending\n",
+                 hwl->buffers_out(), hwl->stall ? "on" : "off", hwl->stops_pending());
+    std::fprintf(stderr, "  frames: %llu begun, %llu ended\n", static_cast<unsigned long long>(a.lives_begun),
+                 static_cast<unsigned long long>(a.lives_ended));
+    std::fflush(stderr);
+    std::_Exit(3);
+}
+
+void Load::watchdog()
+{
+    while (!watchdog_quit) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const long now = now_ms();
+        const long stalled_from = stall_since;
+        for (unsigned i = 0; i < clients.size(); ++i) {
+            const Client_state& c = clients[i];
+            const long since = c.since;
+            if (since < 0)
+                continue;
+            if (now - since > c.bound)
+                watchdog_failure(std::string(c.op.load()) + " of client " + std::to_string(i) +
+                                 " blocked past its bound of " + std::to_string(c.bound.load()) + " ms");
+            if (c.frame_wait && stalled_from >= 0 && now - std::max(since, stalled_from) > kStallGiveUpBound &&
+                robust::snapshot().stream == IStream_driver::SCANNING)
+                watchdog_failure(std::string(c.op.load()) + " of client " + std::to_string(i) +
+                                 " did not give up on a stalled stream within " +
+                                 std::to_string(kStallGiveUpBound) + " ms");
+        }
+    }
+}
+
+template <class F>
+auto Load::call(unsigned me, const char* op, int slot, long bound, F f) -> decltype(f())
+{
+    Client_state& c = clients[me];
+    c.op = op;
+    c.slot = slot;
+    c.bound = bound;
+    c.since = now_ms();
+    ++c.calls;
+    ++count.calls;
+    auto result = f();
+    c.since = -1;
+    c.frame_wait = false;
+    c.op = "idle";
+    return result;
+}
+
+// ---------------------------------------------------------------------------
+// Checks
+// ---------------------------------------------------------------------------
+
+std::string Load::quiet_check(const char* where)
+{
+    // Every client has given its frames back and ended its starts; the
+    // stream must come to a stop (a stop never confirmed ends by the stall
+    // alarm).
+    const auto deadline = Clock::now() + std::chrono::milliseconds(kQuietStopBound);
+    robust::Driver_snapshot s = robust::snapshot();
+    while (Clock::now() < deadline &&
+           (s.stream != IStream_driver::STOPPED || hwl->buffers_out() != 0 || hwl->lives_open() != 0)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        s = robust::snapshot();
+    }
+    std::string e;
+    if (!s.buffers.error.empty())
+        e += "buffer records inconsistent: " + s.buffers.error + "; ";
+    if (s.stream != IStream_driver::STOPPED)
+        e += "stream did not stop within " + std::to_string(kQuietStopBound) + " ms; ";
+    if (s.scanning_count != 0)
+        e += "scanning count not zero; ";
+    if (s.buffers.free != s.buffers.total)
+        e += "a buffer is not free after every client gave its frames back; ";
+    if (hwl->buffers_out() != 0)
+        e += std::to_string(hwl->buffers_out()) + " buffers not back with the hardware layer; ";
+    const unsigned sim_out = sim->buffers_in(vqxsim::Buffer_state::armed) +
+                             sim->buffers_in(vqxsim::Buffer_state::delivered);
+    if (sim_out != 0)
+        e += std::to_string(sim_out) + " simulator buffers armed or filled; ";
+    const auto a = hwl->accounting();
+    if (a.lives_begun != a.lives_ended)
+        e += "frames delivered " + std::to_string(a.lives_begun) + " but " + std::to_string(a.lives_ended) +
+             " came back; ";
+    if (a.mark_errors != 0)
+        e += "frame hand-out error: " + a.first_mark_error + "; ";
+    if (a.lives_marked != count.handed_certain)
+        e += "frames received " + std::to_string(count.handed_certain) + " but " +
+             std::to_string(a.lives_marked) + " recorded; ";
+    if (a.ended_unmarked < count.handed_uncertain)
+        e += "more frames handed out than delivered; ";
+    if (e.empty())
+        return e;
+    return std::string(where) + ": " + e + "[" + s.describe() + "]";
+}
+
+std::string Load::final_check()
+{
+    for (Slot& s : slots) {
+        VQXSI_CloseSessionWithScanEngine(s.handle);
+        s.handle = nullptr;
+    }
+    const auto deadline = Clock::now() + std::chrono::milliseconds(kQuietStopBound);
+    std::string e = robust::check_all_closed(robust::snapshot());
+    while (!e.empty() && Clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        e = robust::check_all_closed(robust::snapshot());
+    }
+    if (!e.empty())
+        return "after the last close: " + e;
+    if (hwl->buffers_out() != 0)
+        return "after the last close: buffers not back with the hardware layer";
+    return quiet_check("after the last close");
+}
+
+// ---------------------------------------------------------------------------
+// Scheduling
+// ---------------------------------------------------------------------------
+
+void Load::plan_phase(std::mt19937_64& rng)
+{
+    using Mode = robust::Fault_hwl::Stop_mode;
+    const double r = std::uniform_real_distribution<double>(0, 1)(rng);
+    if (opt.fault("never") && r < 0.2) {
+        hwl->stop_mode = Mode::never;
+    } else if (opt.fault("defer") && r < 0.6) {
+        hwl->stop_mode = Mode::deferred;
+        hwl->defer_ms = unsigned(1 + rng() % 40);
+    } else if (r < 0.8 || !opt.fault("defer")) {
+        // Real transfer hardware confirms a stop a little later.
+        hwl->stop_mode = Mode::deferred;
+        hwl->defer_ms = 5;
+    } else {
+        hwl->stop_mode = Mode::at_once;
+    }
+}
+
+void Load::quiet_point()
+{
+    {
+        std::unique_lock<std::mutex> lock(pause_mutex);
+        pause_requested = true;
+        pause_flag = true;
+        arrived = 0;
+        const bool all = pause_cv.wait_for(lock, std::chrono::milliseconds(2 * kFrameWaitBound), [this] {
+            return arrived == clients.size() || failed;
+        });
+        if (!all && !failed)
+            watchdog_failure("the clients did not reach the quiet point");
+    }
+    if (!failed) {
+        ++count.quiet_points;
+        std::string e = quiet_check("quiet point");
+        if (!e.empty())
+            fail(e);
+    }
+    std::lock_guard<std::mutex> lock(pause_mutex);
+    pause_requested = false;
+    pause_flag = false;
+    ++pause_generation;
+    pause_cv.notify_all();
+}
+
+Result Load::run()
+{
+    build_engine();
+    std::mt19937_64 rng(opt.seed);
+    for (Slot& s : slots) {
+        s.handle = VQXSI_OpenSessionWithScanEngine();
+        if (!s.handle) {
+            Result r;
+            r.failure = "no session could be opened";
+            return r;
+        }
+    }
+    std::thread dog([this] { watchdog(); });
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < opt.threads; ++i)
+        threads.emplace_back([this, i] { client(i); });
+
+    const auto end = begin + std::chrono::seconds(opt.seconds);
+    while (Clock::now() < end && !failed) {
+        plan_phase(rng);
+        const auto phase_end = std::min(end, Clock::now() + std::chrono::milliseconds(opt.quiet_ms));
+        // A stall window: the hardware holds every frame back for a while,
+        // then either announces them late or loses them for good.
+        const bool stall = opt.fault("stall") && rng() % 100 < 40;
+        const auto stall_at = Clock::now() + std::chrono::milliseconds(100 + rng() % 400);
+        const auto stall_end = stall_at + std::chrono::milliseconds(2200 + rng() % 600);
+        const bool recovers = rng() % 2 == 0;
+        while (Clock::now() < phase_end && !failed) {
+            const auto now = Clock::now();
+            if (stall && now >= stall_at && now < stall_end && !hwl->stall) {
+                stall_since = now_ms();
+                hwl->stall = true;
+            } else if (hwl->stall && now >= stall_end) {
+                hwl->stall = false;
+                stall_since = -1;
+                if (recovers)
+                    hwl->release_stalled();
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            if (opt.verbose && now_ms() % 500 < 10) {
+                const auto a = hwl->accounting();
+                std::printf("%6ld ms: %s; frames %llu\n", now_ms(), robust::snapshot().describe().c_str(),
+                            static_cast<unsigned long long>(a.lives_begun));
+                for (unsigned c = 0; c < clients.size(); ++c)
+                    std::printf("    client %u: %s on %d since %ld\n", c, clients[c].op.load(),
+                                clients[c].slot.load(), clients[c].since.load());
+            }
+        }
+        if (hwl->stall) {
+            hwl->stall = false;
+            stall_since = -1;
+            if (recovers)
+                hwl->release_stalled();
+        }
+        if (!failed && Clock::now() < end)
+            quiet_point();
+    }
+    stop = true;
+    {
+        std::lock_guard<std::mutex> lock(pause_mutex);
+        pause_cv.notify_all();
+    }
+    for (std::thread& t : threads)
+        t.join();
+    Result result;
+    if (!failed) {
+        std::string e = final_check();
+        if (!e.empty())
+            fail(e);
+    }
+    watchdog_quit = true;
+    dog.join();
+
+    const auto a = hwl->accounting();
+    char text[1024];
+    std::snprintf(text, sizeof text,
+                  "seed %llu, %u s, %u threads, %u sessions, capture mode %u: %llu calls, %llu quiet points; "
+                  "frames delivered %llu = handed out %llu (%llu certain) + dropped %lld; "
+                  "starts %llu, stops %llu, single frames %llu, reopens %llu, misuses %llu; "
+                  "faults: %llu dropped, %llu held back by stalls, %llu extra vsyncs, %llu failed writes, "
+                  "%llu stop requests (%llu confirmed late, %llu never)",
+                  static_cast<unsigned long long>(opt.seed), opt.seconds, opt.threads, opt.sessions,
+                  opt.capture_mode, static_cast<unsigned long long>(count.calls.load()),
+                  static_cast<unsigned long long>(count.quiet_points.load()),
+                  static_cast<unsigned long long>(a.lives_begun),
+                  static_cast<unsigned long long>(count.handed_certain + count.handed_uncertain),
+                  static_cast<unsigned long long>(count.handed_certain.load()),
+                  static_cast<long long>(a.lives_begun) -
+                      static_cast<long long>(count.handed_certain + count.handed_uncertain),
+                  static_cast<unsigned long long>(count.starts.load()),
+                  static_cast<unsigned long long>(count.stops.load()),
+                  static_cast<unsigned long long>(count.single_frames.load()),
+                  static_cast<unsigned long long>(count.reopens.load()),
+                  static_cast<unsigned long long>(count.misuses.load()),
+                  static_cast<unsigned long long>(a.frames_dropped),
+                  static_cast<unsigned long long>(a.frames_swallowed),
+                  static_cast<unsigned long long>(a.extra_vsyncs),
+                  static_cast<unsigned long long>(a.failed_writes),
+                  static_cast<unsigned long long>(a.stop_requests),
+                  static_cast<unsigned long long>(a.stops_confirmed),
+                  static_cast<unsigned long long>(a.stops_never_confirmed));
+    result.summary = text;
+    result.passed = !failed;
+    result.failure = failure;
+    sim->shutdown();
+    hwl->shutdown();
+    return result;
+}
+
+// ---------------------------------------------------------------------------
+// Clients
+// ---------------------------------------------------------------------------
+
+void Load::client(unsigned me)
+{
+    std::mt19937_64 rng(opt.seed * 1000003 + me + 1);
+    std::vector<Held> held;
+    while (!stop) {
+        if (pause_flag) {
+            pause_here(me, held, rng);
+            continue;
+        }
+        const unsigned r = unsigned(rng() % 100);
+        if (r < 30)
+            op_get_new_scan(me, held, rng);
+        else if (r < 44) {
+            if (!held.empty()) {
+                Held item = held.front();
+                held.erase(held.begin());
+                give_back(me, item, rng);
+            }
+        } else if (r < 52)
+            op_start(me, rng);
+        else if (r < 60)
+            op_stop(me, rng);
+        else if (r < 62)
+            op_single_frame(me, held, rng);
+        else if (r < 63)
+            op_reopen(me, rng);
+        else if (r < 68)
+            op_lights(me, rng);
+        else if (r < 74)
+            op_exposure(me, rng);
+        else if (r < 77)
+            op_properties(me, rng);
+        else if (r < 80)
+            op_sleep(me, rng);
+        else if (r < 88)
+            op_null_handle(me, rng);
+        else if (r < 95)
+            op_bad_unlock(me, held, rng);
+        else
+            op_stop_without_start(me, rng);
+    }
+    drain(me, held, rng);
+}
+
+void Load::pause_here(unsigned me, std::vector<Held>& held, std::mt19937_64& rng)
+{
+    drain(me, held, rng);
+    std::unique_lock<std::mutex> lock(pause_mutex);
+    if (!pause_requested)
+        return;
+    const uint64_t generation = pause_generation;
+    ++arrived;
+    pause_cv.notify_all();
+    pause_cv.wait(lock, [&] { return pause_generation != generation || stop; });
+}
+
+void Load::drain(unsigned me, std::vector<Held>& held, std::mt19937_64& rng)
+{
+    for (const Held& item : held)
+        give_back(me, item, rng);
+    held.clear();
+    for (unsigned i = 0; i < slots.size(); ++i) {
+        Slot& s = slots[i];
+        std::shared_lock<std::shared_mutex> use(s.use);
+        while (s.starts[me] > 0) {
+            std::unique_lock<std::shared_mutex> lock(reclaim);
+            ++epoch;
+            const bool ok = call(me, "StopScanning (drain)", int(i), bound_for(i),
+                                 [&] { return VQXSI_StopScanning(s.handle); }) == 1;
+            --s.starts[me];
+            ++count.stops;
+            if (!ok)
+                fail("VQXSI_StopScanning of a started session failed (draining)");
+        }
+    }
+    // Idle lights hold sleep off only while set; a client leaves none.
+}
+
+void Load::op_get_new_scan(unsigned me, std::vector<Held>& held, std::mt19937_64& rng)
+{
+    // In capture modes 0 and 5 the stream arms the next capture only when a
+    // buffer comes free: a client keeping its frame holds the stream (and
+    // every other client) until it gives it back or the stall alarm ends the
+    // wait. Clients mostly give their frame back first, as a decoder does.
+    const bool one_at_a_time = opt.capture_mode == 0 || opt.capture_mode == 5;
+    if (one_at_a_time && rng() % 40 != 0) {
+        for (const Held& item : held)
+            give_back(me, item, rng);
+        held.clear();
+    }
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    void* frame;
+    uint64_t before;
+    {
+        std::shared_lock<std::shared_mutex> use(s.use);
+        before = epoch;
+        ++s.waiting;
+        clients[me].frame_wait = true;
+        frame = call(me, "GetNewScan", int(i), kFrameWaitBound, [&] { return VQXSI_GetNewScan(s.handle); });
+        --s.waiting;
+    }
+    if (!frame) {
+        ++count.null_frames;
+        return;
+    }
+    if (hwl->handle_of(frame) == 0) {
+        fail("VQXSI_GetNewScan returned an address that is no buffer");
+        return;
+    }
+    {
+        std::shared_lock<std::shared_mutex> lock(reclaim);
+        if (epoch == before) {
+            if (!hwl->mark_handed(frame))
+                fail("frame hand-out: " + hwl->accounting().first_mark_error);
+            ++count.handed_certain;
+            held.push_back({frame, before});
+        } else {
+            ++count.handed_uncertain;
+            held.push_back({frame, kUncertain});
+        }
+    }
+    while (held.size() > kMaxHeld) {
+        Held item = held.front();
+        held.erase(held.begin());
+        give_back(me, item, rng);
+    }
+}
+
+// Any session may give a frame back (frames belong to the client). A
+// session another thread waits in for a frame is busy until that wait ends
+// (its calls are serialised), so a free one is preferred.
+void Load::give_back(unsigned me, Held item, std::mt19937_64& rng)
+{
+    unsigned i = unsigned(rng() % slots.size());
+    for (unsigned k = 0; k < slots.size() && slots[i].waiting != 0; ++k)
+        i = (i + 1) % unsigned(slots.size());
+    Slot& s = slots[i];
+    std::shared_lock<std::shared_mutex> use(s.use);
+    ++count.unlocks;
+    {
+        std::shared_lock<std::shared_mutex> lock(reclaim);
+        if (item.epoch != kUncertain && epoch == item.epoch) {
+            const bool ok = call(me, "UnlockBuffer", int(i), bound_for(i),
+                                 [&] { return VQXSI_UnlockBuffer(s.handle, item.frame); }) == 1;
+            if (!ok)
+                fail("VQXSI_UnlockBuffer refused a frame the client surely held (buffer " +
+                     std::to_string(hwl->handle_of(item.frame)) + ": " + hwl->describe(hwl->handle_of(item.frame)) +
+                     "; " + robust::snapshot().describe() + ")");
+            return;
+        }
+    }
+    // The frame may have been taken back and handed to another thread:
+    // giving it back may take that thread's frame.
+    std::unique_lock<std::shared_mutex> lock(reclaim);
+    ++epoch;
+    call(me, "UnlockBuffer (uncertain)", int(i), bound_for(i),
+         [&] { return VQXSI_UnlockBuffer(s.handle, item.frame); });
+}
+
+void Load::op_start(unsigned me, std::mt19937_64& rng)
+{
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    std::shared_lock<std::shared_mutex> use(s.use);
+    if (s.starts[me] >= 2)
+        return;
+    // A failed start undoes itself with a stop, which may take frames back.
+    std::unique_lock<std::shared_mutex> lock(reclaim);
+    ++epoch;
+    if (call(me, "StartScanning", int(i), bound_for(i), [&] { return VQXSI_StartScanning(s.handle); }) == 1) {
+        ++s.starts[me];
+        ++count.starts;
+    }
+}
+
+void Load::op_stop(unsigned me, std::mt19937_64& rng)
+{
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    std::shared_lock<std::shared_mutex> use(s.use);
+    if (s.starts[me] == 0)
+        return;
+    std::unique_lock<std::shared_mutex> lock(reclaim);
+    ++epoch;
+    const bool ok = call(me, "StopScanning", int(i), bound_for(i),
+                         [&] { return VQXSI_StopScanning(s.handle); }) == 1;
+    --s.starts[me];
+    ++count.stops;
+    if (!ok)
+        fail("VQXSI_StopScanning of a started session failed");
+}
+
+void Load::op_single_frame(unsigned me, std::vector<Held>& held, std::mt19937_64& rng)
+{
+    // A single-image scan needs the stop confirmed after the frame reached
+    // the hand-off; with a stop confirmed at once the driver discards the
+    // frame with the stream and the call waits out its 30 s (known defect,
+    // exercised by the misuse suite), which would stretch the run.
+    if (hwl->stop_mode != robust::Fault_hwl::Stop_mode::deferred)
+        return;
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    std::unique_lock<std::shared_mutex> use(s.use);  // scan count read exactly
+    std::unique_lock<std::shared_mutex> lock(reclaim);  // no start or stop elsewhere
+    // The single image ends the stream it runs on: only when no other scan
+    // runs (a running scan of another session would lose its stream, known
+    // defect), and its start is ended right after, as the interface asks.
+    if (robust::snapshot().scanning_count != 0)
+        return;
+    ++epoch;
+    Scan_session* session = reinterpret_cast<Scan_session*>(s.handle);
+    const unsigned before = session->Get_scan_count();
+    clients[me].frame_wait = true;
+    void* frame = call(me, "GetSingleFrame", int(i), kFrameWaitBound, [&] { return VQXSI_GetSingleFrame(s.handle); });
+    const unsigned after = session->Get_scan_count();
+    ++count.single_frames;
+    if (after > before &&
+        call(me, "StopScanning (single frame)", int(i), kCallBound, [&] { return VQXSI_StopScanning(s.handle); }) != 1)
+        fail("VQXSI_StopScanning after a single frame failed");
+    if (!frame) {
+        ++count.null_frames;
+        return;
+    }
+    if (!hwl->mark_handed(frame))
+        fail("single frame hand-out: " + hwl->accounting().first_mark_error);
+    ++count.handed_certain;
+    held.push_back({frame, epoch.load()});
+}
+
+void Load::op_reopen(unsigned me, std::mt19937_64& rng)
+{
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    std::unique_lock<std::shared_mutex> use(s.use);
+    std::unique_lock<std::shared_mutex> lock(reclaim);
+    ++epoch;
+    call(me, "CloseSessionWithScanEngine", int(i), kCallBound, [&] {
+        VQXSI_CloseSessionWithScanEngine(s.handle);
+        return 0;
+    });
+    for (unsigned t = 0; t < clients.size(); ++t)
+        s.starts[t] = 0;
+    s.handle = call(me, "OpenSessionWithScanEngine", int(i), kCallBound,
+                    [] { return VQXSI_OpenSessionWithScanEngine(); });
+    ++count.reopens;
+    if (!s.handle)
+        fail("VQXSI_OpenSessionWithScanEngine failed");
+}
+
+void Load::op_lights(unsigned me, std::mt19937_64& rng)
+{
+    static const uint32_t sizes[] = {0, 1, 7, 12, 27, 28, 29, 40, 0xFFFFFFFFu};
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    std::shared_lock<std::shared_mutex> use(s.use);
+    const uint32_t size = sizes[rng() % 9];
+    if (rng() % 2) {
+        // Idle lights (sleep hold) only briefly: set and cleared in one go.
+        VQX_SCANNER_LIGHTING l = {size, uint32_t(rng() % 10), uint32_t(rng() % 4 == 0 ? 1 + rng() % 8 : 0), 0,
+                                  uint32_t(rng() % 200), uint32_t(rng() % 200), uint32_t(rng() % 2)};
+        if (call(me, "SetLights", int(i), bound_for(i), [&] { return VQXSI_SetLights(s.handle, &l); }) != 1)
+            fail("VQXSI_SetLights failed");
+        if (l.idle_mode != 0) {
+            VQX_SCANNER_LIGHTING off = {28, 5, 0, 0, 100, 100, 0};
+            call(me, "SetLights", int(i), bound_for(i), [&] { return VQXSI_SetLights(s.handle, &off); });
+        }
+    } else {
+        unsigned char raw[64];
+        std::memcpy(raw, &size, 4);
+        if (call(me, "GetLights", int(i), bound_for(i),
+                 [&] { return VQXSI_GetLights(s.handle, reinterpret_cast<VQX_SCANNER_LIGHTING*>(raw)); }) != 1)
+            fail("VQXSI_GetLights failed");
+        uint32_t reported;
+        std::memcpy(&reported, raw, 4);
+        if (reported != std::min<uint32_t>(size, 28))
+            fail("VQXSI_GetLights reported a wrong size");
+    }
+}
+
+void Load::op_exposure(unsigned me, std::mt19937_64& rng)
+{
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    std::shared_lock<std::shared_mutex> use(s.use);
+    uint32_t pairs[8];
+    const unsigned n = unsigned(1 + rng() % 4);
+    for (unsigned k = 0; k < n; ++k) {
+        pairs[2 * k] = rng() % 8 == 0 ? uint32_t(rng()) : uint32_t(rng() % 25);
+        pairs[2 * k + 1] = rng() % 8 == 0 ? uint32_t(rng()) : uint32_t(rng() % 300);
+    }
+    const uint32_t size = uint32_t(8 * n - (rng() % 3 == 0 ? rng() % 8 : 0));
+    const unsigned what = unsigned(rng() % 3);
+    if (what == 0) {
+        // Keep the frames coming: no frame conformity, which could hold
+        // every frame back on the simulator's scene.
+        for (unsigned k = 0; k < n; ++k)
+            if (pairs[2 * k] == ES_CONFORM_IMAGE)
+                pairs[2 * k + 1] = 0;
+        if (call(me, "SetExposureSettings", int(i), bound_for(i),
+                 [&] { return VQXSI_SetExposureSettings(s.handle, pairs, size); }) != 1)
+            fail("VQXSI_SetExposureSettings failed");
+    } else if (what == 1) {
+        if (call(me, "GetExposureSettings", int(i), bound_for(i),
+                 [&] { return VQXSI_GetExposureSettings(s.handle, pairs, size); }) != 1)
+            fail("VQXSI_GetExposureSettings failed");
+        for (unsigned k = 0; k < size / 8; ++k) {
+            const uint32_t tag = pairs[2 * k];
+            const bool unknown = tag == 6 || tag == 7 || tag > 23 || tag == ES_FAST_START || tag == ES_DECODE_PARAMETER;
+            if (unknown && pairs[2 * k + 1] != 0)
+                fail("an unknown or ignored tag read back non-zero");
+        }
+    } else {
+        const uint32_t mode = uint32_t(rng() % 5);
+        if (call(me, "SetExposureMode", int(i), bound_for(i),
+                 [&] { return VQXSI_SetExposureMode(s.handle, mode); }) != 1)
+            fail("VQXSI_SetExposureMode failed");
+    }
+}
+
+void Load::op_properties(unsigned me, std::mt19937_64& rng)
+{
+    static const uint32_t sizes[] = {0, 1, 7, 8, 223, 224, 225, 512};
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    std::shared_lock<std::shared_mutex> use(s.use);
+    unsigned char raw[600];
+    const uint32_t size = sizes[rng() % 8];
+    if (call(me, "GetScanEnginePropertiesEx", int(i), bound_for(i), [&] {
+            return VQXSI_GetScanEnginePropertiesEx(s.handle, reinterpret_cast<VQX_SCANENGINE_PROPERTIES_EX*>(raw),
+                                                   size);
+        }) != 1)
+        fail("VQXSI_GetScanEnginePropertiesEx failed");
+    char revision[8];
+    if (VQXSI_GetScanDriverRevision(s.handle, revision) != 1 || std::strcmp(revision, "2.138") != 0)
+        fail("VQXSI_GetScanDriverRevision");
+}
+
+void Load::op_sleep(unsigned me, std::mt19937_64& rng)
+{
+    if (!opt.fault("sleep"))
+        return;
+    static const uint32_t values[] = {0, 0, 5, 30, 200};
+    const uint32_t ms = values[rng() % 5];
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    std::shared_lock<std::shared_mutex> use(s.use);
+    VQXSI_HANDLE h = rng() % 3 == 0 ? nullptr : s.handle;
+    if (call(me, "SetSleepTimeout", int(i), bound_for(i), [&] { return VQXSI_SetSleepTimeout(h, ms); }) != 1)
+        fail("VQXSI_SetSleepTimeout failed");
+    uint32_t back = 0;
+    if (call(me, "GetSleepTimeout", int(i), bound_for(i), [&] { return VQXSI_GetSleepTimeout(h, &back); }) != 1)
+        fail("VQXSI_GetSleepTimeout failed");
+}
+
+void Load::op_null_handle(unsigned me, std::mt19937_64& rng)
+{
+    ++count.misuses;
+    VQX_SCANNER_LIGHTING l = {28, 5, 0, 0, 100, 100, 0};
+    uint32_t pairs[2] = {ES_TARGET_VALUE, 1};
+    VQX_SCANENGINE_PROPERTIES_EX p;
+    int local = 0;
+    errno = 0;
+    bool zero = true;
+    bool einval = true;
+    switch (rng() % 12) {
+    case 0: zero = VQXSI_GetNewScan(nullptr) == nullptr; break;
+    case 1: zero = VQXSI_GetSingleFrame(nullptr) == nullptr; break;
+    case 2: zero = VQXSI_StartScanning(nullptr) == 0; break;
+    case 3: zero = VQXSI_StopScanning(nullptr) == 0; break;
+    case 4: zero = VQXSI_UnlockBuffer(nullptr, &local) == 0; break;
+    case 5: zero = VQXSI_SetExposureMode(nullptr, 2) == 0; break;
+    case 6: zero = VQXSI_SetLights(nullptr, &l) == 0; break;
+    case 7: zero = VQXSI_GetLights(nullptr, &l) == 0; break;
+    case 8: zero = VQXSI_SetExposureSettings(nullptr, pairs, 8) == 0; break;
+    case 9: zero = VQXSI_GetExposureSettings(nullptr, pairs, 8) == 0; break;
+    case 10: zero = VQXSI_GetScanEnginePropertiesEx(nullptr, &p, sizeof p) == 0; break;
+    default:
+        VQXSI_CloseSessionWithScanEngine(nullptr);
+        einval = false;
+        break;
+    }
+    if (!zero || (einval && errno != EINVAL))
+        fail("a null handle did not give 0 with EINVAL");
+    (void)me;
+}
+
+void Load::op_bad_unlock(unsigned me, std::vector<Held>& held, std::mt19937_64& rng)
+{
+    ++count.misuses;
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    std::shared_lock<std::shared_mutex> use(s.use);
+    const unsigned what = unsigned(rng() % 3);
+    if (what == 0) {
+        // An address that is no buffer: refused, nothing changes.
+        int local = 0;
+        void* p = rng() % 2 ? static_cast<void*>(&local) : nullptr;
+        if (call(me, "UnlockBuffer (no buffer)", int(i), bound_for(i),
+                 [&] { return VQXSI_UnlockBuffer(s.handle, p); }) != 0)
+            fail("VQXSI_UnlockBuffer accepted an address that is no buffer");
+        return;
+    }
+    void* p = nullptr;
+    if (what == 1) {
+        // A buffer never handed out to this thread (or one another thread
+        // holds): may take a frame back.
+        std::vector<unsigned char*> all = hwl->buffer_addresses();
+        if (all.empty())
+            return;
+        p = all[rng() % all.size()];
+    } else {
+        // One of this thread's frames, twice.
+        if (held.empty())
+            return;
+        Held item = held.back();
+        held.pop_back();
+        use.unlock();
+        give_back(me, item, rng);
+        use.lock();
+        p = item.frame;
+    }
+    std::unique_lock<std::shared_mutex> lock(reclaim);
+    ++epoch;
+    call(me, "UnlockBuffer (not held)", int(i), bound_for(i), [&] { return VQXSI_UnlockBuffer(s.handle, p); });
+}
+
+void Load::op_stop_without_start(unsigned me, std::mt19937_64& rng)
+{
+    ++count.misuses;
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    std::unique_lock<std::shared_mutex> use(s.use);  // nobody else calls this session
+    if (reinterpret_cast<Scan_session*>(s.handle)->Get_scan_count() != 0)
+        return;
+    if (call(me, "StopScanning (not started)", int(i), kCallBound, [&] { return VQXSI_StopScanning(s.handle); }) != 0)
+        fail("VQXSI_StopScanning without a start did not fail");
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Options
+// ---------------------------------------------------------------------------
+
+const char* Options::usage()
+{
+    return "options (or VQX_STRESS_<NAME> environment variables):\n"
+           "  --seconds=N       duration of the load (default 10)\n"
+           "  --seed=N          random seed (default 1)\n"
+           "  --threads=N       client threads (default 4)\n"
+           "  --sessions=N      sessions (default 3)\n"
+           "  --capture-mode=N  the simulated engine's capture mode (default 0)\n"
+           "  --quiet-ms=N      time between quiet points (default 4000)\n"
+           "  --faults=a,b,...  fault classes (default all): drop duplicate zero unknown storm\n"
+           "                    regfail defer never stall hwstall sleep; 'none' for none\n";
+}
+
+bool Options::parse(int argc, char** argv, std::string* error)
+{
+    struct Item {
+        const char* name;
+        const char* env;
+    };
+    static const Item items[] = {{"seconds", "VQX_STRESS_SECONDS"}, {"seed", "VQX_STRESS_SEED"},
+                                 {"threads", "VQX_STRESS_THREADS"}, {"sessions", "VQX_STRESS_SESSIONS"},
+                                 {"capture-mode", "VQX_STRESS_CAPTURE_MODE"},
+                                 {"quiet-ms", "VQX_STRESS_QUIET_MS"}, {"faults", "VQX_STRESS_FAULTS"}};
+    auto apply = [this, error](const std::string& name, const std::string& value) {
+        if (name == "faults") {
+            faults.clear();
+            size_t start = 0;
+            while (start <= value.size()) {
+                size_t comma = value.find(',', start);
+                if (comma == std::string::npos)
+                    comma = value.size();
+                if (comma > start)
+                    faults.insert(value.substr(start, comma - start));
+                start = comma + 1;
+            }
+            if (faults.count("all"))
+                faults.clear();
+            return true;
+        }
+        char* end = nullptr;
+        const unsigned long long v = std::strtoull(value.c_str(), &end, 10);
+        if (value.empty() || *end != '\0') {
+            *error = "bad value for " + name + ": " + value;
+            return false;
+        }
+        if (name == "seconds") seconds = unsigned(v);
+        else if (name == "seed") seed = v;
+        else if (name == "threads") threads = unsigned(std::max<unsigned long long>(1, v));
+        else if (name == "sessions") sessions = unsigned(std::max<unsigned long long>(1, v));
+        else if (name == "capture-mode") capture_mode = unsigned(v);
+        else if (name == "quiet-ms") quiet_ms = unsigned(std::max<unsigned long long>(100, v));
+        return true;
+    };
+    for (const Item& item : items)
+        if (const char* env = std::getenv(item.env))
+            if (!apply(item.name, env))
+                return false;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--verbose") {
+            verbose = true;
+            continue;
+        }
+        if (arg.compare(0, 2, "--") != 0 || arg.find('=') == std::string::npos) {
+            *error = "unknown argument: " + arg;
+            return false;
+        }
+        const std::string name = arg.substr(2, arg.find('=') - 2);
+        bool known = false;
+        for (const Item& item : items)
+            known = known || name == item.name;
+        if (!known) {
+            *error = "unknown option: " + name;
+            return false;
+        }
+        if (!apply(name, arg.substr(arg.find('=') + 1)))
+            return false;
+    }
+    if (faults.count("none"))
+        faults = {"none"};
+    return true;
+}
+
+Result run(const Options& options)
+{
+    Load load(options);
+    return load.run();
+}
+
+} // namespace stress
