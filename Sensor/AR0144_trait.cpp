@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 
 #include "AR0144_tables.h"
 #include "Contrast_step.h"
@@ -396,11 +398,20 @@ bool AR0144_trait::init_capture(const IHwl::Image_buffer_pointers* buffer)
         return false;
     const uint64_t frame_bytes = uint64_t(capabilities.width) * capabilities.height;
     if (buffer->capture && frame_bytes >= 4) {
+        // Once armed, the transfer hardware overwrites this word while the
+        // progress tracker polls it from another thread: every access to it
+        // is atomic and of one size, an aligned 4-byte word (bytes when the
+        // frame end is not 4-aligned), so the marker goes in the same way.
+        static const unsigned char end_marker[4] = {0xFF, 0x00, 0xFF, 0x00};
         unsigned char* end = buffer->capture + frame_bytes - 4;
-        end[0] = 0xFF;
-        end[1] = 0x00;
-        end[2] = 0xFF;
-        end[3] = 0x00;
+        if (reinterpret_cast<uintptr_t>(end) % alignof(uint32_t) == 0) {
+            uint32_t word;
+            std::memcpy(&word, end_marker, sizeof word);
+            __atomic_store_n(reinterpret_cast<uint32_t*>(end), word, __ATOMIC_RELAXED);
+        } else {
+            for (size_t i = 0; i < sizeof end_marker; ++i)
+                __atomic_store_n(end + i, end_marker[i], __ATOMIC_RELAXED);
+        }
     }
     return hwl.InitCapture(buffer->handle);
 }

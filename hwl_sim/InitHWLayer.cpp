@@ -23,6 +23,12 @@
 namespace vqxsim {
 namespace {
 
+// The environment-built engine streams in capture mode 3 unless
+// VQXSIM_CAPTURE_MODE says otherwise: the driver's own default mode, in
+// which it arms the next buffer while the current frame is still read out.
+// (Config keeps 0, which the step-mode tests are written against.)
+constexpr uint32_t kEnvironmentCaptureMode = 3;
+
 std::atomic<IHwl*> installed{nullptr};
 std::mutex environment_mutex;
 std::atomic<Simulator*> environment{nullptr};
@@ -57,6 +63,7 @@ extern "C" __attribute__((visibility("default"))) IHwl* InitHWLayer(void* argume
     if (Simulator* sim = environment.load())
         return sim->hwl();
     Config config;
+    config.capture_mode = kEnvironmentCaptureMode;
     std::string error;
     if (!Config::from_environment(config, &error)) {
         std::fprintf(stderr, "vqxsim: %s\n", error.c_str());

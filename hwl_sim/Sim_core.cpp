@@ -27,23 +27,68 @@ const char* const kOperations[] = {
 std::mutex registry_mutex;
 std::vector<const Sim_core*> registry;
 
-// Writes a finished frame into a capture buffer the way the transfer hardware
-// does: while the driver may be reading or planting row markers in the same
-// buffer from another thread. Relaxed atomic stores keep that concurrent
-// access well defined (the driver's marker accesses are atomic too); on the
-// platforms we build for they compile to plain stores.
-void publish_frame(uint8_t* dst, const uint8_t* src, size_t n)
+// Readout: the transfer hardware writes a frame into its buffer in strips
+// spread over the frame's readout time, the vsync comes after the last one.
+// In real time the readout takes this share of the frame period; in step
+// mode each strip after the first follows a short real pause
+// (Config::strip_pause_us), so that a driver polling the buffer every
+// millisecond sees the frame progress.
+constexpr unsigned kStrips = 16;
+constexpr double kReadoutShare = 0.8;
+constexpr unsigned kMaxStripPauseUs = 100000;
+
+// Row stores of the transfer hardware. The driver polls buffer memory while
+// it is being written (row markers, exposure sampling of the rows already
+// written), so the writes are atomic and ordered: the first 4-byte word of
+// every row and the last word of the frame are release stores, the rest of
+// the row relaxed stores before the next row's release store. A driver that
+// sees a row's first word overwritten with an acquire load of that same
+// 4-byte word may then read every earlier row with plain loads. The words
+// the driver plants markers in are written with exactly its access size;
+// the others use 8-byte stores where aligned, which on the platforms we
+// build for compile to plain stores.
+void store_word_release(uint8_t* dst, const uint8_t* src)
+{
+    if (reinterpret_cast<uintptr_t>(dst) % alignof(uint32_t) == 0) {
+        uint32_t word;
+        std::memcpy(&word, src, sizeof word);
+        __atomic_store_n(reinterpret_cast<uint32_t*>(dst), word, __ATOMIC_RELEASE);
+        return;
+    }
+    for (size_t i = 0; i < sizeof(uint32_t); ++i)
+        __atomic_store_n(dst + i, src[i], __ATOMIC_RELEASE);
+}
+
+void store_relaxed(uint8_t* dst, const uint8_t* src, size_t n)
 {
     size_t i = 0;
-    if (reinterpret_cast<uintptr_t>(dst) % alignof(uint64_t) == 0) {
-        for (; i + sizeof(uint64_t) <= n; i += sizeof(uint64_t)) {
-            uint64_t word;
-            std::memcpy(&word, src + i, sizeof word);
-            __atomic_store_n(reinterpret_cast<uint64_t*>(dst + i), word, __ATOMIC_RELAXED);
-        }
+    for (; i < n && reinterpret_cast<uintptr_t>(dst + i) % alignof(uint64_t) != 0; ++i)
+        __atomic_store_n(dst + i, src[i], __ATOMIC_RELAXED);
+    for (; i + sizeof(uint64_t) <= n; i += sizeof(uint64_t)) {
+        uint64_t word;
+        std::memcpy(&word, src + i, sizeof word);
+        __atomic_store_n(reinterpret_cast<uint64_t*>(dst + i), word, __ATOMIC_RELAXED);
     }
     for (; i < n; ++i)
         __atomic_store_n(dst + i, src[i], __ATOMIC_RELAXED);
+}
+
+// Writes rows [first, end) of a frame of @p rows rows of @p width bytes.
+void publish_rows(uint8_t* dst, const uint8_t* src, size_t width, size_t rows, size_t first, size_t end)
+{
+    const size_t word = sizeof(uint32_t);
+    const size_t frame_end = width * rows;
+    for (size_t r = first; r < end; ++r) {
+        size_t at = r * width;
+        size_t row_end = r + 1 == rows && frame_end >= at + 2 * word ? frame_end - word : (r + 1) * width;
+        if (width >= word) {
+            store_word_release(dst + at, src + at);
+            at += word;
+        }
+        store_relaxed(dst + at, src + at, row_end - at);
+        if (row_end != (r + 1) * width)
+            store_word_release(dst + row_end, src + row_end);
+    }
 }
 
 std::string hex_bytes(const unsigned char* data, unsigned count)
@@ -84,6 +129,8 @@ bool valid_config(const Config& c, std::string* error)
         return config_error(error, "frame rate must be 1 to 1000 frames a second");
     if (c.buffers < 1 || c.buffers > 64)
         return config_error(error, "buffer count must be 1 to 64");
+    if (c.strip_pause_us > kMaxStripPauseUs)
+        return config_error(error, "strip pause must be at most 100000 microseconds");
     if (c.capture_mode > 7)
         return config_error(error, "capture mode must be 0 to 7");
     if (c.orientation != 0 && c.orientation != 180)
@@ -656,9 +703,9 @@ void Sim_core::run()
             if (next_frame < now)
                 next_frame = now + period;
             if (now >= first_frame_at)
-                produce_frame(lock, false);
+                produce_frame(lock, false, period);
         } else if (!cfg.real_time && steps_wanted > 0 && frame_possible(now)) {
-            produce_frame(lock, true);
+            produce_frame(lock, true, Clock::duration::zero());
         } else {
             Clock::time_point t = next_wake();
             if (t == Clock::time_point::max())
@@ -701,8 +748,57 @@ Render_params Sim_core::render_params(const Frame_settings& f) const
     return p;
 }
 
-void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame)
+bool Sim_core::still_ours(int index, bool self_filling) const
 {
+    Buffer_state state = buffers[index].state;
+    return self_filling ? state != Buffer_state::delivered : state == Buffer_state::armed;
+}
+
+// Waits, lock released, until @p t; a deferred stop that falls due meanwhile
+// is confirmed on the way. The lock is let go even when @p t has passed, so
+// that a readout running late still lets other callers in between strips.
+void Sim_core::pause_until(std::unique_lock<std::mutex>& lock, Clock::time_point t)
+{
+    if (Clock::now() >= t) {
+        lock.unlock();
+        std::this_thread::yield();
+        lock.lock();
+        return;
+    }
+    for (Clock::time_point now = Clock::now(); !quit && now < t; now = Clock::now()) {
+        if (stop_pending && now >= stop_deadline) {
+            confirm_stop(lock);
+            continue;
+        }
+        wake.wait_until(lock, stop_pending ? std::min(t, stop_deadline) : t);
+    }
+}
+
+// Writes the rendered frame into buffer @p index strip by strip, lock held
+// while a strip is written and released in between. Real time: strip k is
+// due at @p begin + k x @p spacing (a late strip follows at once). Step
+// mode: each strip follows the previous one after a real pause of
+// @p spacing. False when the buffer was taken back (or the instance shut
+// down) before the last strip: the rest of the frame is not written.
+bool Sim_core::read_out(std::unique_lock<std::mutex>& lock, int index, bool self_filling,
+                        Clock::time_point begin, Clock::duration spacing)
+{
+    const size_t width = model->width();
+    const size_t height = model->height();
+    uint8_t* dst = memory.data() + size_t(index) * frame.size();
+    for (unsigned k = 0; k < kStrips; ++k) {
+        if (k > 0)
+            pause_until(lock, cfg.real_time ? begin + k * spacing : Clock::now() + spacing);
+        if (quit || !still_ours(index, self_filling))
+            return false;
+        publish_rows(dst, frame.data(), width, height, height * k / kStrips, height * (k + 1) / kStrips);
+    }
+    return true;
+}
+
+void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame, Clock::duration period)
+{
+    const Clock::time_point tick = Clock::now();
     if (cfg.faults.stall_after != 0 && !stall_fired && count.frames_delivered >= cfg.faults.stall_after) {
         stall_fired = is_stalled = true;
         stall_recovering = stopped_in_stall = false;
@@ -756,9 +852,14 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
     renderer.render(view, params, frame.data());
     lock.lock();
 
+    // Real time: the readout began at the frame's tick and ends (vsync) at
+    // the readout share of the period. Step mode: strips follow the render
+    // with short pauses.
+    Clock::duration spacing = step_frame
+        ? std::chrono::duration_cast<Clock::duration>(std::chrono::microseconds(cfg.strip_pause_us))
+        : std::chrono::duration_cast<Clock::duration>(period * kReadoutShare / (kStrips - 1));
     Buffer& buffer = buffers[index];
-    bool still_ours = self_filling ? buffer.state != Buffer_state::delivered : buffer.state == Buffer_state::armed;
-    if (!still_ours || quit) {
+    if (!read_out(lock, index, self_filling, tick, spacing)) {
         // Taken back while the frame was read out: the frame is lost.
         ++count.frames_missed;
         if (step_frame) {
@@ -767,7 +868,6 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
         }
         return;
     }
-    publish_frame(memory.data() + index * frame.size(), frame.data(), frame.size());
     ++count.frames_filled;
     last_filled = index;
     record.time_us = elapsed_us();

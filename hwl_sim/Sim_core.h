@@ -31,12 +31,23 @@
 // StartScanning followed by a write to the streaming control, or
 // ResetTransferHardware, or switching the supply off, clears it.
 //
+// Readout: a frame is rendered outside the lock into a private frame, then
+// written into its buffer in strips of rows, in row order, like the
+// transfer hardware's DMA: in real time over most of the frame period, in
+// step mode with short real pauses between strips. The vsync follows the
+// last strip. A buffer taken back (ReleaseBuffer) during the readout loses
+// the frame; no strip is written into it after that. Buffer memory changes
+// only between arming a buffer and its vsync, so capture modes 1-3 can poll
+// an armed buffer's row markers to see how far the frame has come.
+//
+// Memory ordering: the transfer writes while the driver polls, so rows are
+// written with atomic stores; each row's first 4-byte word and the frame's
+// last word are release stores (see publish_rows in Sim_core.cpp). A reader
+// that observes such a word overwritten with a 4-byte acquire load of the
+// same word may read all earlier rows with plain loads.
+//
 // Threads: one mutex guards all state; it is never held while a callback
-// runs. Rendering happens outside the lock into a private frame, which is
-// copied into the buffer under the lock, so a buffer never changes behind
-// the driver's back: the driver only sees buffer memory change between
-// arming it and its vsync. (Capture modes 1-3 poll an armed buffer while it
-// fills; that read meets the copy as it would meet a DMA transfer.)
+// runs, nor during the render or the pauses between strips.
 #ifndef VQXSIM_SIM_CORE_H
 #define VQXSIM_SIM_CORE_H
 
@@ -155,7 +166,11 @@ private:
     void state_changed();
     bool frame_possible(Clock::time_point now) const;
     Clock::time_point next_wake() const;
-    void produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame);
+    void produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame, Clock::duration period);
+    bool still_ours(int index, bool self_filling) const;
+    void pause_until(std::unique_lock<std::mutex>& lock, Clock::time_point t);
+    bool read_out(std::unique_lock<std::mutex>& lock, int index, bool self_filling, Clock::time_point begin,
+                  Clock::duration spacing);
     void confirm_stop(std::unique_lock<std::mutex>& lock);
     Render_params render_params(const Frame_settings& f) const;
     Clock::duration frame_period(bool storm);

@@ -15,15 +15,20 @@
 //
 // Frames: a frame happens while the sensor is supplied, out of standby,
 // streaming, not stalled, and the transfer path has been started
-// (StartScanning). It is rendered into the oldest armed buffer (InitCapture)
-// and announced with the vsync callback from the simulator's own thread.
+// (StartScanning). It is rendered for the oldest armed buffer (InitCapture),
+// written into it strip by strip over the frame's readout time (rows in
+// order, so a reader polling the buffer sees the frame grow), and then
+// announced with the vsync callback from the simulator's own thread.
 //   - Real time (Config::real_time): the sensor runs at Config::fps with a
 //     little jitter; a sensor frame with no armed buffer is missed (counted,
 //     no callback) but still advances the frame counter and the exposure
 //     pipeline.
+//     The readout takes 80% of the frame period.
 //   - Step mode: frames happen only through step(n), each as soon as its
 //     conditions hold (including an armed buffer); step waits, bounded,
-//     until the frames' callbacks have returned.
+//     until the frames' callbacks have returned. The strips of a frame
+//     follow each other with short real pauses (16 strips, by default
+//     0.6 ms between the end of one and the next: Config::strip_pause_us).
 //
 // Threads: every accessor and every hardware-layer operation may be called
 // from any thread. The simulator never holds its own lock while it calls the
@@ -102,6 +107,10 @@ struct VQXSIM_API Config {
     double fps = 60.0;             ///< sensor frame rate in real time (1 to 1000)
     unsigned buffers = 4;          ///< capture buffers (1 to 64)
     bool real_time = true;         ///< false: frames only through step()
+    /// Step mode: real pause between two of the 16 strips of a frame's
+    /// readout, in microseconds (at most 100000). A longer pause gives a
+    /// driver polling the buffer a wider window on a loaded machine.
+    unsigned strip_pause_us = 600;
 
     Scene_kind scene = Scene_kind::barcode;
     std::string text = "VQX-SIM-0001";           ///< barcode contents
@@ -120,7 +129,7 @@ struct VQXSIM_API Config {
 
     uint16_t variant = 1;          ///< GetConfig engine variant (bits 0-15)
     uint16_t orientation = 0;      ///< mounting, 0 or 180 degrees (GetConfig bits 16-31)
-    uint32_t capture_mode = 0;     ///< GetConfig capture mode (0 to 7)
+    uint32_t capture_mode = 0;     ///< GetConfig capture mode (0 to 7); the environment-built instance uses 3
 
     bool psoc_fitted = true;
     uint32_t engine_id = 0x00007710;  ///< PSoC 0x00-0x03, big-endian

@@ -1,6 +1,8 @@
 // Progress_tracker: row markers planted before capture, checked later.
 #include "Progress_tracker.h"
 
+#include <cstring>
+
 #include "Diagnostics.h"
 #include "Scan_driver.h"
 
@@ -27,16 +29,36 @@ bool frame_geometry(size_t& width, size_t& height)
 
 Progress_tracker::Progress_tracker() : row_step(4), tracking{nullptr, nullptr}, n_tracking(0) {}
 
+// The transfer hardware writes a buffer while the driver polls its markers,
+// so every marker access is atomic. The hardware writes each row's first
+// 4-byte word with a release store; check_pattern reads a marker as that
+// same aligned 4-byte word with an acquire load. Seeing a marker overwritten
+// thus also makes every row the hardware wrote before it visible, and the
+// exposure sampling may read those rows with plain loads. An unaligned
+// marker (a row width that is not a multiple of 4) falls back to byte
+// accesses of the same order. Planting needs no ordering of its own: the
+// buffer was handed over to the hardware under its lock.
 void Progress_tracker::set_pattern(unsigned char* p)
 {
+    if (reinterpret_cast<uintptr_t>(p) % alignof(uint32_t) == 0) {
+        uint32_t word;
+        std::memcpy(&word, marker, sizeof word);
+        __atomic_store_n(reinterpret_cast<uint32_t*>(p), word, __ATOMIC_RELAXED);
+        return;
+    }
     for (size_t i = 0; i < sizeof(marker); ++i)
         __atomic_store_n(p + i, marker[i], __ATOMIC_RELAXED);
 }
 
 bool Progress_tracker::check_pattern(unsigned char* p)
 {
+    if (reinterpret_cast<uintptr_t>(p) % alignof(uint32_t) == 0) {
+        uint32_t word;
+        std::memcpy(&word, marker, sizeof word);
+        return __atomic_load_n(reinterpret_cast<const uint32_t*>(p), __ATOMIC_ACQUIRE) == word;
+    }
     for (size_t i = 0; i < sizeof(marker); ++i) {
-        if (__atomic_load_n(p + i, __ATOMIC_RELAXED) != marker[i])
+        if (__atomic_load_n(p + i, __ATOMIC_ACQUIRE) != marker[i])
             return false;
     }
     return true;

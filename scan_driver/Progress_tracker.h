@@ -22,9 +22,12 @@
 // A buffer without a capture address is handled the same way.
 //
 // Used by the stream driver only. Threading: a plain object, used under the
-// stream driver's (the sensor's) monitor. The markers are read with
-// relaxed atomic loads because the hardware may be writing the frame at the
-// same moment.
+// stream driver's (the sensor's) monitor. The hardware may be writing the
+// frame while the markers are planted and polled, so they are accessed
+// atomically: an aligned marker is one 4-byte store and one 4-byte acquire
+// load, which pairs with the transfer's release store of that word, so that
+// the rows before a written marker may then be read plainly (exposure
+// sampling at the inter-frame point).
 #ifndef VQX_PROGRESS_TRACKER_H
 #define VQX_PROGRESS_TRACKER_H
 

@@ -58,8 +58,9 @@ TEST(ExposureTags, TableRowsInSearchOrderWithTheirFields)
         SCOPED_TRACE(row.name);
         EXPECT_EQ(expected[i].tag, row.tag);
         EXPECT_EQ(expected[i].ignored, row.ignored);
-        if (!row.ignored)
+        if (!row.ignored) {
             EXPECT_EQ(expected[i].offset, row.offset);
+        }
         EXPECT_EQ(expected[i].converts, row.on_set != nullptr);
         EXPECT_EQ(expected[i].converts, row.on_get != nullptr);
     }
