@@ -222,7 +222,10 @@ VQXSI_API void VQXSI_CloseSessionWithScanEngine(VQXSI_HANDLE handle);
  * client still holds is taken back.
  *
  * Result: the frame's address, or NULL when the session is not scanning
- *         (at once), no frame came within 30 s, the capture stalled, or every
+ *         (at once), no frame came within 30 s, the capture stalled (before
+ *         the first frame after the engine's resume time and its retries,
+ *         afterwards 2 s after the last frame), the stream is stopped (its
+ *         start failed, or a single-image scan ended it: at once), or every
  *         buffer is held by the client (at once: give frames back).
  * errno: EINVAL for a NULL handle.
  * Blocks: up to 30 s.
@@ -254,8 +257,9 @@ VQXSI_API void* VQXSI_GetSingleFrame(VQXSI_HANDLE handle);
  * exposure settings; with several sessions the one that started last sets
  * them).
  *
- * Result: 1 when scanning runs (or already ran), 0 when the engine could not
- * start streaming (the start is undone).
+ * Result: 1 for any valid session: the start is recorded. When the engine
+ * refuses to stream, the start stays recorded (the driver tries the stream
+ * again at its next power check) and VQXSI_GetNewScan answers NULL at once.
  * errno: EINVAL for a NULL handle.
  * Blocks: while the engine wakes or powers up (tens of milliseconds).
  */
