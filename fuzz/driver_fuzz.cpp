@@ -33,7 +33,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,7 +41,7 @@
 
 #include "Driver_invariants.h"
 #include "Fault_hwl.h"
-#include "Simulator.h"
+#include "Sim_client.h"
 #include "scan_session.h"
 
 namespace {
@@ -80,13 +79,7 @@ Engine& engine()
         c.buffers = 4;
         c.real_time = false;
         c.render = vqxsim::Render_mode::none;
-        std::string error;
-        std::unique_ptr<vqxsim::Simulator> sim = vqxsim::Simulator::create(c, &error);
-        if (!sim) {
-            std::fprintf(stderr, "driver_fuzz: simulator: %s\n", error.c_str());
-            std::abort();
-        }
-        made->sim = sim.release();
+        made->sim = sim_client::kept_simulator(c);
         made->hwl = new robust::Fault_hwl(*made->sim->hwl(), 42);
         if (const char* f = std::getenv("VQX_FUZZ_FAULTS"))
             made->faults = f;

@@ -1,40 +1,54 @@
-// Support for the end-to-end tests of the C interface: one simulated engine
-// per test program, installed as the hardware layer before the first open
-// and kept for the life of the process (the driver keeps its hardware layer
-// until unload, so the simulator is never destroyed; its frame thread is
-// stopped when the tests end).
+// Support for the end-to-end tests of the C interface over the shared
+// libraries: one simulated engine per test program, installed as the
+// hardware layer before the first open and kept for the life of the process
+// (its frame thread is stopped when the tests end).
 #ifndef VQX_TESTS_API_SUPPORT_H
 #define VQX_TESTS_API_SUPPORT_H
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <thread>
+#include <cstdlib>
 
-#include <VQXScanInterface.h>
-
-#include "Simulator.h"
+#include "Sim_client.h"
 
 namespace api_test {
 
-/// The simulator the driver runs on (built on first use).
-vqxsim::Simulator& sim();
+using sim_client::Session;
+using sim_client::wait_until;
 
-/// Polls @p pred every 2 ms until it holds or @p ms pass; its last value.
-template <class Pred>
-bool wait_until(Pred pred, unsigned ms = 1000)
+/// The simulator the driver runs on (built on first use).
+inline vqxsim::Simulator& sim()
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return pred();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    static vqxsim::Simulator* const instance = [] {
+        vqxsim::Config config;
+        config.engine = "X7710";
+        config.fps = 120.0;
+        config.buffers = 4;
+        config.render = vqxsim::Render_mode::fast;
+        config.serial = "API0000042";
+        config.engine_id = 0x00007710;
+        config.revision_low = 7;
+        config.revision_high = 3;
+        if (const char* trace = std::getenv("VQX_API_TEST_TRACE"))  // hardware-layer call trace for debugging
+            config.trace_file = trace;
+        // Like real transfer hardware, the stop is confirmed a little later: a
+        // single-image scan's frame reaches the client before the stream ends.
+        config.faults.defer_stop_ms = 5;
+        vqxsim::Simulator* made = sim_client::kept_simulator(config);
+        vqxsim::set_instance_for_InitHWLayer(made->hwl());
+        return made;
+    }();
+    return *instance;
 }
 
 /// Buffers the simulator has handed to the driver and not had back.
-unsigned buffers_out();
+inline unsigned buffers_out() { return sim().buffers_in(vqxsim::Buffer_state::delivered); }
+
+// Stops the simulator's frame thread once every test has run.
+struct Stop_frames : testing::Environment {
+    void TearDown() override { sim().shutdown(); }
+};
+inline testing::Environment* const stop_frames = testing::AddGlobalTestEnvironment(new Stop_frames);
 
 /// Every test opens and closes its own sessions; afterwards no buffer may be
 /// left with the driver or the client.
@@ -43,27 +57,8 @@ protected:
     void SetUp() override { sim(); }
     void TearDown() override
     {
-        EXPECT_TRUE(wait_until([] { return buffers_out() == 0; }, 1000))
-            << buffers_out() << " buffers not given back";
+        EXPECT_TRUE(wait_until([] { return buffers_out() == 0; }, 1000)) << buffers_out() << " buffers not given back";
     }
-};
-
-/// A session closed at scope exit.
-class Session {
-public:
-    Session() : h(VQXSI_OpenSessionWithScanEngine()) {}
-    ~Session() { close(); }
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
-    void close()
-    {
-        VQXSI_CloseSessionWithScanEngine(h);
-        h = nullptr;
-    }
-    operator VQXSI_HANDLE() const { return h; }
-
-private:
-    VQXSI_HANDLE h;
 };
 
 } // namespace api_test

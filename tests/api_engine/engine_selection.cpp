@@ -6,13 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <memory>
 #include <string>
 
 #include <VQXScanInterface.h>
 
 #include "IHwl.h"
-#include "Simulator.h"
+#include "Sim_client.h"
 
 namespace {
 
@@ -50,10 +49,6 @@ private:
     std::string type;
 };
 
-// The simulator that starts the driver; kept (reachable) until exit, since the
-// driver holds its hardware layer until the library unloads.
-vqxsim::Simulator* kept_simulator = nullptr;
-
 // Opens with @p hwl installed; expects failure, one engine type read, no
 // other call, and a log line naming the type.
 void expect_rejected(const std::string& type)
@@ -88,10 +83,7 @@ TEST(EngineSelection, FailedStartUpsAreRetriedUntilASupportedEngineStartsTheDriv
     vqxsim::Config config;
     config.fps = 120.0;
     config.render = vqxsim::Render_mode::fast;
-    std::string error;
-    kept_simulator = vqxsim::Simulator::create(config, &error).release();
-    vqxsim::Simulator* sim = kept_simulator;
-    ASSERT_NE(nullptr, sim) << error;
+    vqxsim::Simulator* sim = sim_client::kept_simulator(config);  // the driver keeps it until exit
     vqxsim::set_instance_for_InitHWLayer(sim->hwl());
     VQXSI_HANDLE h = VQXSI_OpenSessionWithScanEngine();
     ASSERT_NE(nullptr, h);

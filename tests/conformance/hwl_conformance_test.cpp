@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -30,36 +31,28 @@
 
 namespace {
 
-struct Library {
-    void* handle = nullptr;
-    IHwl* hwl = nullptr;
-    std::string error;
-};
-
 // Loaded once; never unloaded (the layer may run threads of its own).
-Library& library()
+// Returns the layer, or null with the reason in @p error.
+IHwl* load_layer(std::string& error)
 {
-    static Library lib = [] {
-        Library l;
+    static std::string failure;
+    static IHwl* hwl = [] () -> IHwl* {
         const char* path = std::getenv("VQX_HWL_LIBRARY");
         if (!path || !*path)
             path = VQX_DEFAULT_HWL_LIBRARY;
-        l.handle = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-        if (!l.handle) {
-            l.error = std::string("dlopen: ") + dlerror();
-            return l;
-        }
-        auto init = reinterpret_cast<IHwl* (*)(void*)>(dlsym(l.handle, "InitHWLayer"));
-        if (!init) {
-            l.error = std::string(path) + " does not export InitHWLayer";
-            return l;
-        }
-        l.hwl = init(nullptr);
-        if (!l.hwl)
-            l.error = std::string(path) + ": InitHWLayer(nullptr) returned null";
-        return l;
+        void* handle = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+        if (!handle)
+            return failure = std::string("dlopen: ") + dlerror(), nullptr;
+        auto init = reinterpret_cast<IHwl* (*)(void*)>(dlsym(handle, "InitHWLayer"));
+        if (!init)
+            return failure = std::string(path) + " does not export InitHWLayer", nullptr;
+        IHwl* layer = init(nullptr);
+        if (!layer)
+            failure = std::string(path) + ": InitHWLayer(nullptr) returned null";
+        return layer;
     }();
-    return lib;
+    error = failure;
+    return hwl;
 }
 
 // How to make one engine type stream, and stop it again.
@@ -78,7 +71,7 @@ bool start_ar0144(IHwl& hwl)
         return false;
     if (hwl.IsPsocSupported() && !hwl.WriteIIC_PSOC(55, &reset, 1))
         return false;
-    uint16_t clocks[] = {4, 2, 1, 0x4A};                      // 0x302A-0x3030: 74 MHz pixel clock
+    uint16_t clocks[] = {4, 2, 1, 0x4A};                         // 0x302A-0x3030: 74 MHz pixel clock
     uint16_t window[] = {0, 4, 0x031F, 0x0503, 0x0339, 0x05D4};  // 0x3002-0x300C
     return hwl.WriteReg(0x302A, clocks, sizeof clocks) && hwl.WriteReg(0x3002, window, sizeof window) &&
            write16(hwl, 0x3012, 50) && write16(hwl, 0x301A, 0x30DC);
@@ -98,40 +91,42 @@ const Recipe* recipe_for(IHwl& hwl)
     return nullptr;
 }
 
-// Records vsync callbacks (handle 0, an event without a buffer, is only
-// counted); optionally gives each buffer back and re-arms it
-// from inside the callback.
-struct Recorder {
-    IHwl* hwl = nullptr;
-    bool rearm = false;
+// A condition the layer's threads change and the test waits for.
+struct Signal {
     std::mutex mutex;
     std::condition_variable changed;
-    std::vector<int> handles;  ///< events with a buffer
-    int bufferless = 0;
+    template <class P> bool wait(int ms, P done)
+    {
+        std::unique_lock<std::mutex> hold(mutex);
+        return changed.wait_for(hold, std::chrono::milliseconds(ms), done);
+    }
+};
+
+// Records vsync callbacks with a buffer (handle 0, an event without a
+// buffer, is allowed and ignored); with `rearm` gives each buffer back and
+// re-arms it from inside the callback.
+struct Recorder : Signal {
+    IHwl* hwl = nullptr;
+    std::atomic<bool> rearm{false};
+    std::vector<int> handles;
     std::set<std::thread::id> threads;
 
     static void vsync(int handle, void* self)
     {
         auto* r = static_cast<Recorder*>(self);
-        if (r->rearm && handle != 0) {
+        if (handle == 0)
+            return;
+        if (r->rearm) {
             r->hwl->ReleaseBuffer(handle);
             r->hwl->InitCapture(handle);
             (void)r->hwl->GetScanWidth();
         }
         std::lock_guard<std::mutex> hold(r->mutex);
-        if (handle == 0) {  // an event without a buffer is allowed
-            ++r->bufferless;
-            return;
-        }
         r->handles.push_back(handle);
         r->threads.insert(std::this_thread::get_id());
         r->changed.notify_all();
     }
-    bool wait_for(size_t count, int ms)
-    {
-        std::unique_lock<std::mutex> hold(mutex);
-        return changed.wait_for(hold, std::chrono::milliseconds(ms), [&] { return handles.size() >= count; });
-    }
+    bool wait_for(size_t count, int ms) { return wait(ms, [&] { return handles.size() >= count; }); }
     std::vector<int> seen()
     {
         std::lock_guard<std::mutex> hold(mutex);
@@ -141,10 +136,8 @@ struct Recorder {
 
 void ignore_vsync(int, void*) {}
 
-struct Stop_probe {
+struct Stop_probe : Signal {
     IHwl* hwl = nullptr;
-    std::mutex mutex;
-    std::condition_variable changed;
     int calls = 0;
     std::thread::id thread;
     static void done(void* self)
@@ -162,23 +155,10 @@ class Conformance : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        Library& lib = library();
-        ASSERT_NE(nullptr, lib.hwl) << lib.error;
-        hwl = lib.hwl;
+        std::string error;
+        hwl = load_layer(error);
+        ASSERT_NE(nullptr, hwl) << error;
         array = hwl->GetImageBuffers(count);
-    }
-
-    // Streaming with @p recorder registered; skips engines without a recipe.
-    void start(Recorder& recorder)
-    {
-        recipe = recipe_for(*hwl);
-        if (!recipe)
-            GTEST_SKIP() << "no streaming recipe for engine type " << hwl->EngineType();
-        recorder.hwl = hwl;
-        ASSERT_TRUE(hwl->RegisterVsyncNotification(&Recorder::vsync, &recorder));
-        ASSERT_TRUE(hwl->StartScanning());
-        ASSERT_TRUE(hwl->GetImageBuffers(count) == array);
-        ASSERT_TRUE(recipe->start(*hwl));
     }
 
     void TearDown() override
@@ -199,6 +179,26 @@ protected:
     IHwl::Image_buffer_pointers* array = nullptr;
     uint64_t count = 0;
     const Recipe* recipe = nullptr;
+};
+
+// Streaming with `rec` registered; skips engines without a recipe.
+class Streaming : public Conformance {
+protected:
+    void SetUp() override
+    {
+        Conformance::SetUp();
+        if (HasFatalFailure())
+            return;
+        if (!recipe_for(*hwl))
+            GTEST_SKIP() << "no streaming recipe for engine type " << hwl->EngineType();
+        recipe = recipe_for(*hwl);
+        rec.hwl = hwl;
+        ASSERT_TRUE(hwl->RegisterVsyncNotification(&Recorder::vsync, &rec));
+        ASSERT_TRUE(hwl->StartScanning());
+        ASSERT_TRUE(hwl->GetImageBuffers(count) == array);
+        ASSERT_TRUE(recipe->start(*hwl));
+    }
+    Recorder rec;
 };
 
 TEST_F(Conformance, IdentityAndConfiguration)
@@ -274,12 +274,8 @@ TEST_F(Conformance, PsocRegisters)
     EXPECT_EQ(light, back);
 }
 
-TEST_F(Conformance, FramesGoOnlyToArmedBuffersInArmingOrder)
+TEST_F(Streaming, FramesGoOnlyToArmedBuffersInArmingOrder)
 {
-    Recorder rec;
-    start(rec);
-    if (IsSkipped())
-        return;
     int a = array[0].handle, b = array[1].handle;
     ASSERT_TRUE(hwl->InitCapture(a));
     ASSERT_TRUE(rec.wait_for(1, 1000)) << "no frame within 1 s";
@@ -300,25 +296,17 @@ TEST_F(Conformance, FramesGoOnlyToArmedBuffersInArmingOrder)
     EXPECT_EQ(0u, rec.threads.count(std::this_thread::get_id())) << "vsync comes from the layer's own thread";
 }
 
-TEST_F(Conformance, CallbacksMayCallTheLayerAndBuffersComeBack)
+TEST_F(Streaming, CallbacksMayCallTheLayerAndBuffersComeBack)
 {
-    Recorder rec;
     rec.rearm = true;
-    start(rec);
-    if (IsSkipped())
-        return;
     ASSERT_TRUE(hwl->InitCapture(array[1].handle));
     EXPECT_TRUE(rec.wait_for(5, 2000)) << "a buffer released and re-armed from the callback must fill again";
     for (int h : rec.seen())
         EXPECT_EQ(array[1].handle, h);
 }
 
-TEST_F(Conformance, NoFramesInStandby)
+TEST_F(Streaming, NoFramesInStandby)
 {
-    Recorder rec;
-    start(rec);
-    if (IsSkipped())
-        return;
     ASSERT_TRUE(hwl->ImagerPowerDown());
     ASSERT_TRUE(hwl->InitCapture(array[0].handle));
     EXPECT_FALSE(rec.wait_for(1, 150)) << "a frame arrived in standby";
@@ -327,26 +315,20 @@ TEST_F(Conformance, NoFramesInStandby)
     EXPECT_TRUE(rec.wait_for(1, 1000)) << "no frame after leaving standby";
 }
 
-TEST_F(Conformance, StopRequestIsImmediateOrConfirmedOnce)
+TEST_F(Streaming, StopRequestIsImmediateOrConfirmedOnce)
 {
-    Recorder rec;
-    start(rec);
-    if (IsSkipped())
-        return;
     ASSERT_TRUE(hwl->InitCapture(array[0].handle));
     ASSERT_TRUE(rec.wait_for(1, 1000));
     Stop_probe probe;
     probe.hwl = hwl;
-    bool at_once = hwl->RequestStopScanning(&Stop_probe::done, &probe);
-    std::unique_lock<std::mutex> hold(probe.mutex);
-    if (at_once) {
-        EXPECT_FALSE(probe.changed.wait_for(hold, std::chrono::milliseconds(200), [&] { return probe.calls > 0; }))
-            << "an immediate stop must not call back";
+    auto called = [&] { return probe.calls > 0; };
+    if (hwl->RequestStopScanning(&Stop_probe::done, &probe)) {
+        EXPECT_FALSE(probe.wait(200, called)) << "an immediate stop must not call back";
     } else {
-        ASSERT_TRUE(probe.changed.wait_for(hold, std::chrono::milliseconds(2000), [&] { return probe.calls > 0; }))
-            << "a deferred stop must be confirmed within the driver's 2000 ms";
+        ASSERT_TRUE(probe.wait(2000, called)) << "a deferred stop must be confirmed within the driver's 2000 ms";
+        probe.wait(100, [&] { return probe.calls > 1; });
+        std::lock_guard<std::mutex> hold(probe.mutex);
         EXPECT_NE(std::this_thread::get_id(), probe.thread);
-        probe.changed.wait_for(hold, std::chrono::milliseconds(100), [&] { return probe.calls > 1; });
         EXPECT_EQ(1, probe.calls) << "confirmed exactly once";
     }
 }

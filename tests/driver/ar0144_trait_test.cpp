@@ -1,6 +1,11 @@
 // AR0144_trait against a recording hardware layer.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -9,9 +14,113 @@
 #include "Exposure_controller.h"
 #include "Sensor.h"
 #include "Synchronization.h"
-#include "ar0144_fake.h"
+#include "test_scope.h"
 
 namespace {
+
+// Recording AR0144 hardware layer: a register map and a PSoC, every call
+// recorded, failures of named operations or registers on request.
+// Thread-safe (the trait's standby alarm runs on a timer thread).
+struct Hwl_call {
+    std::string op;
+    unsigned address;              // register, PSoC address, handle or argument
+    std::vector<uint16_t> values;  // the values written
+};
+using Writes = std::vector<std::pair<unsigned, std::vector<uint16_t>>>;
+
+class Recording_hwl : public IHwl_AR0144 {
+public:
+    unsigned width = 1280, height = 800;
+    bool psoc_fitted = true;
+    unsigned char psoc[256] = {};
+    std::map<unsigned, uint16_t> regs;
+    std::set<unsigned> fail_read, fail_write;  // register addresses
+    std::set<std::string> fail_ops;            // operation names
+
+    std::vector<Hwl_call> log() { std::lock_guard<std::mutex> g(m); return calls; }
+    void clear() { std::lock_guard<std::mutex> g(m); calls.clear(); }
+    unsigned char psoc_byte(unsigned a) { std::lock_guard<std::mutex> g(m); return psoc[a]; }
+    Writes writes()  // the WriteReg calls
+    {
+        Writes w;
+        for (const Hwl_call& c : log())
+            if (c.op == "WriteReg")
+                w.push_back({c.address, c.values});
+        return w;
+    }
+    size_t count(const std::string& op)
+    {
+        size_t n = 0;
+        for (const Hwl_call& c : log())
+            n += c.op == op;
+        return n;
+    }
+
+    bool IsPsocSupported() override { return psoc_fitted; }
+    bool WriteIIC_PSOC(unsigned char a, unsigned char* d, unsigned int n) override
+    {
+        return op("WriteIIC_PSOC", a, {d, d + n}) && copy(psoc + a, d, n);
+    }
+    bool ReadIIC_PSOC(unsigned char a, unsigned char* d, unsigned int n) override
+    {
+        return op("ReadIIC_PSOC", a) && copy(d, psoc + a, n);
+    }
+    Image_buffer_pointers* GetImageBuffers(uint64_t& count) override { count = 0; return nullptr; }
+    bool RegisterVsyncNotification(Vsync_callback, void*) override { return true; }
+    unsigned int GetScanHeight() override { return height; }
+    unsigned int GetScanWidth() override { return width; }
+    bool ImagerPowerUp() override { return op("ImagerPowerUp"); }
+    bool ImagerPowerDown() override { return op("ImagerPowerDown"); }
+    bool ImagerPowerOn() override { return op("ImagerPowerOn"); }
+    bool ImagerPowerOff() override { return op("ImagerPowerOff"); }
+    bool InitCapture(int buffer) override { return op("InitCapture", unsigned(buffer)); }
+    bool ResetTransferHardware() override { return op("ResetTransferHardware"); }
+    bool AimOn() override { return op("AimOn"); }
+    bool AimOff() override { return op("AimOff"); }
+    bool IllumConfig(unsigned int c) override { return op("IllumConfig", c); }
+    bool IllumOn() override { return op("IllumOn"); }
+    bool IllumOff() override { return op("IllumOff"); }
+    bool StartScanning() override { return op("StartScanning"); }
+    bool StopScanning() override { return op("StopScanning"); }
+    bool RequestStopScanning(Stop_callback, void*) override { return op("RequestStopScanning"); }
+    bool WriteReg(unsigned int a, uint16_t* v, uint64_t len) override
+    {
+        const size_t n = len == 1 ? 1 : len / 2;
+        if (!op("WriteReg", a, {v, v + n}) || fail_write.count(a))
+            return false;
+        std::lock_guard<std::mutex> g(m);
+        for (size_t i = 0; i < n; ++i)
+            regs[a + 2 * i] = v[i];
+        return true;
+    }
+    bool ReadReg(unsigned int a, uint16_t* v, uint64_t len) override
+    {
+        if (!op("ReadReg", a) || fail_read.count(a))
+            return false;
+        std::lock_guard<std::mutex> g(m);
+        for (size_t i = 0; i < (len == 1 ? 1 : len / 2); ++i)
+            v[i] = regs[a + 2 * i];
+        return true;
+    }
+
+private:
+    // Records the call; false when the test asked this operation to fail.
+    bool op(const char* name, unsigned address = 0, std::vector<uint16_t> values = {})
+    {
+        std::lock_guard<std::mutex> g(m);
+        calls.push_back({name, address, std::move(values)});
+        return !fail_ops.count(name);
+    }
+    bool copy(unsigned char* to, const unsigned char* from, unsigned n)
+    {
+        std::lock_guard<std::mutex> g(m);
+        std::memcpy(to, from, n);
+        return true;
+    }
+    std::mutex m;
+    std::vector<Hwl_call> calls;
+};
+
 
 // Table A as bursts of consecutive registers.
 const Writes table_a = {
@@ -56,11 +165,22 @@ Writes concat(Writes a, const Writes& b)
     return a;
 }
 
+// The last @p n writes (all of them when fewer).
+Writes tail(const Writes& w, size_t n) { return Writes(w.end() - std::min(n, w.size()), w.end()); }
+using Write = Writes::value_type;
+
 struct Rig {
     explicit Rig(uint32_t word = 1, uint32_t capture_mode = 0, Sensor* sensor = nullptr)
         : scope(word, capture_mode, sensor), trait(hwl, &controller)
     {
         controller.bind(&trait);
+    }
+    // The writes of a power_up_init that must succeed.
+    Writes power_up()
+    {
+        hwl.clear();
+        EXPECT_TRUE(trait.power_up_init());
+        return hwl.writes();
     }
     Driver_scope scope;
     Recording_hwl hwl;
@@ -76,23 +196,20 @@ TEST(AR0144_trait, PowerUpLoadsTheVariantTableInBursts)
     const struct { uint32_t word; Writes table; } cases[] = {
         {1, table_a}, {2, table_b()}, {0, table_c()}, {7, table_c()}};
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.word);
         Rig rig(c.word);
-        rig.hwl.clear();
         const unsigned start = Synchroniztion_internal::MT_GetTickCount();
-        ASSERT_TRUE(rig.trait.power_up_init());
+        EXPECT_EQ(rig.power_up(), concat(c.table, shadows));
         EXPECT_GE(Synchroniztion_internal::MT_GetTickCount() - start, 24u);
-        EXPECT_EQ(rig.hwl.writes(), concat(c.table, shadows)) << "variant " << c.word;
         EXPECT_EQ(rig.hwl.psoc[55], 1);
         EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_READY);
     }
     // Mounted at 180 degrees: only the read mode changes.
     Rig rotated(2 | (180u << 16));
-    rotated.hwl.clear();
-    ASSERT_TRUE(rotated.trait.power_up_init());
     Writes expected = concat(table_b(), shadows);
     expected[23].second[0] = 0xC000;
     ASSERT_EQ(expected[23].first, 0x3040u);
-    EXPECT_EQ(rotated.hwl.writes(), expected);
+    EXPECT_EQ(rotated.power_up(), expected);
 }
 
 TEST(AR0144_trait, PowerUpStatesFailuresAndIdleLights)
@@ -105,33 +222,25 @@ TEST(AR0144_trait, PowerUpStatesFailuresAndIdleLights)
     rig.trait.set_exposure_gain(300, 1024);
     rig.trait.sleep();
     EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_STANDBY);
-    rig.hwl.clear();
-    ASSERT_TRUE(rig.trait.power_up_init());  // standby: power up, shadows kept
+    Writes w = rig.power_up();  // standby: power up, shadows kept
     EXPECT_EQ(rig.hwl.count("ImagerPowerOn"), 0u);
     EXPECT_EQ(rig.hwl.count("ImagerPowerUp"), 1u);
-    Writes w = rig.hwl.writes();
-    EXPECT_EQ(w[w.size() - 3], (Writes::value_type{0x3060, {0x20}}));
-    EXPECT_EQ(w.back(), (Writes::value_type{0x3012, {300, 10}}));
+    EXPECT_EQ(tail(w, 3).front(), (Write{0x3060, {0x20}}));
+    EXPECT_EQ(w.back(), (Write{0x3012, {300, 10}}));
 
     rig.trait.power_down();
     EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_OFF);
-    rig.hwl.clear();
-    ASSERT_TRUE(rig.trait.power_up_init());  // off: power on and up, shadows reset
+    EXPECT_EQ(tail(rig.power_up(), 3), shadows);  // off: power on and up, shadows reset
     EXPECT_EQ(rig.hwl.count("ImagerPowerOn"), 1u);
     EXPECT_EQ(rig.hwl.count("ImagerPowerUp"), 1u);
-    w = rig.hwl.writes();
-    EXPECT_EQ(Writes(w.end() - 3, w.end()), shadows);
 
     // Idle aimer: mode select pulses; idle illumination: left streaming.
     _tagVQX_SCANNER_LIGHTING lights{28, 5, 1, 0, 100, 100, 0};
     for (uint32_t idle : {1u, 2u}) {
         lights.idle_mode = idle;
         rig.trait.change_lights(lights);
-        rig.hwl.clear();
-        ASSERT_TRUE(rig.trait.power_up_init());
-        w = rig.hwl.writes();
         const Writes pulse = {{0x301C, {1}}, {0x301C, {0}}}, on = {{0x301C, {1}}};
-        EXPECT_EQ(Writes(w.end() - (idle == 1 ? 2 : 1), w.end()), idle == 1 ? pulse : on);
+        EXPECT_EQ(tail(rig.power_up(), idle == 1 ? 2 : 1), idle == 1 ? pulse : on);
         EXPECT_EQ(rig.hwl.psoc[0x32] & 3, idle);
     }
 
@@ -172,7 +281,7 @@ TEST(AR0144_trait, StreamingAndTheExposureHistory)
         const unsigned slot = mode == 3 ? 2 : 3;  // frames until a write shows
         rig.trait.set_exposure_gain(50, 512);
         rig.trait.trigger_on();
-        EXPECT_EQ(rig.hwl.writes().back(), (Writes::value_type{0x301A, {0x085C}}));
+        EXPECT_EQ(rig.hwl.writes().back(), (Write{0x301A, {0x085C}}));
         EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_STREAMING);
         rig.hwl.regs[0x301C] = 1;  // the sensor reports streaming
         for (unsigned frame = 1; frame <= 8; ++frame) {
@@ -187,14 +296,13 @@ TEST(AR0144_trait, StreamingAndTheExposureHistory)
         }
         rig.trait.trigger_off();
         const Writes stop = {{0x301A, {0x0858}}, {0x301C, {0}}};
-        Writes w = rig.hwl.writes();
-        EXPECT_EQ(Writes(w.end() - 2, w.end()), stop);
+        EXPECT_EQ(tail(rig.hwl.writes(), 2), stop);
         EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_READY);
     }
 
     Rig parallel(0);
     parallel.trait.trigger_on();
-    EXPECT_EQ(parallel.hwl.writes().back(), (Writes::value_type{0x301A, {0x30DC}}));
+    EXPECT_EQ(parallel.hwl.writes().back(), (Write{0x301A, {0x30DC}}));
 
     // trigger_on fails on its mode-select read: nothing written, and
     // trigger_once issues no stop.
@@ -316,14 +424,14 @@ TEST(AR0144_trait, ExposureProgrammingAndContrastSplit)
     s.fixed_gain = 512;
     ASSERT_TRUE(rig.trait.update_contrast(200, 12345, contrast));
     EXPECT_EQ(contrast, 25u * 512);
-    EXPECT_EQ(rig.hwl.writes().back(), (Writes::value_type{0x3012, {25, 10}}));
+    EXPECT_EQ(rig.hwl.writes().back(), (Write{0x3012, {25, 10}}));
 
     s.mode = 2;  // automatic: exposure first at the lowest gain ...
     ASSERT_TRUE(rig.trait.update_contrast(s.target_value, 100 * 431, contrast));
     EXPECT_EQ(contrast, 100u * 431);
     s.max_gain = 4096;
     ASSERT_TRUE(rig.trait.update_contrast(s.target_value / 4, 700 * 431, contrast));  // x4: 824 rows, more gain
-    EXPECT_EQ(rig.hwl.writes().back(), (Writes::value_type{0x3012, {824, 10}}));
+    EXPECT_EQ(rig.hwl.writes().back(), (Write{0x3012, {824, 10}}));
     EXPECT_EQ(contrast, 824u * AR0144_trait::gain_of_code(AR0144_trait::code_of_gain(700 * 431 * 4 / 824)));
     s.max_exposure = 4000;  // rows limited by ES_MAX_EXP, gain by ES_MAX_GAIN
     s.max_gain = 1024;
@@ -403,7 +511,7 @@ TEST(AR0144_trait, StandbyCompletesOnTheSensorTimer)
     }
     for (int i = 0; i < 200 && !rig.trait.get_alarm().complete(); ++i)
         Synchroniztion_internal::MT_Delay(5);
-    EXPECT_EQ(rig.hwl.writes().at(0), (Writes::value_type{0x301A, {0x185C}}));  // keeps streaming
+    EXPECT_EQ(rig.hwl.writes().at(0), (Write{0x301A, {0x185C}}));  // keeps streaming
     EXPECT_EQ(rig.hwl.psoc_byte(0x32) & 3, 2);
 
     {

@@ -61,7 +61,7 @@ TEST_F(Buffer_test, OwnershipConflictsAndDoubleUnlock)
     EXPECT_FALSE(vlocker().LockBuffer(&elsewhere, Owner::CLIENT));
     EXPECT_FALSE(vlocker().UnlockBuffer(&elsewhere, Owner::CLIENT));
     // None of this is an inconsistency worth an assertion.
-    EXPECT_TRUE(Assertion_capture::take().empty());
+    EXPECT_TRUE(Output_capture::take().empty());
 }
 
 TEST_F(Buffer_test, AllocateTakesLowestFreeAndStopsAtUnloadedEntry)
@@ -101,7 +101,7 @@ TEST_F(Buffer_test, FinalUnlockReleasesAndSignalsBufferFree)
     EXPECT_EQ(stream.buffer_free_calls, 1);
 
     // Without a stream driver the unlock still releases.
-    driver.stream_driver = nullptr;
+    driver().stream_driver = nullptr;
     ASSERT_TRUE(vlocker().LockBuffer(record(1), Owner::CLIENT));
     EXPECT_TRUE(vlocker().UnlockBuffer(record(1), Owner::CLIENT));
     EXPECT_EQ(hwl.log.count(released(1)), 1u);
@@ -134,7 +134,7 @@ TEST_F(Buffer_test, ResetKeepsScanDriverLocksAndCirculationCount)
     for (size_t i = 0; i < 3; ++i)
         ASSERT_TRUE(vlocker().LockBuffer(record(i), Owner::CLIENT));
     EXPECT_EQ(vlocker().circulating_buffers(), 0u);
-    EXPECT_TRUE(Assertion_capture::take().empty());
+    EXPECT_TRUE(Output_capture::take().empty());
 }
 
 TEST_F(Buffer_test, ImageAttributesCopyIsSizeLimited)

@@ -64,7 +64,7 @@ TEST_F(Progress_test, BuffersLeaveFromTheFrontOnly)
     EXPECT_EQ(tracker.tracked(), 2u);
     EXPECT_FALSE(has_marker(hwl.frame(2)));
     tracker.stop_tracking(record(1));  // not the oldest: refused
-    auto reports = Assertion_capture::take();
+    auto reports = Output_capture::take();
     ASSERT_EQ(reports.size(), 3u);
     EXPECT_NE(reports[0].find("@ jni/../Progress_tracker line @120"), std::string::npos);
     EXPECT_NE(reports[1].find("line @112"), std::string::npos);
@@ -82,7 +82,7 @@ TEST_F(Progress_test, BuffersLeaveFromTheFrontOnly)
 
 TEST_F(Progress_test, GeometryTooSmallForMarkersPlantsNothing)
 {
-    driver.capabilities.width = 3;
+    driver().capabilities.width = 3;
     std::memset(hwl.frame(0), 0x55, 40);
     tracker.start_tracking(record(0));
     EXPECT_EQ(std::count(hwl.frame(0), hwl.frame(0) + 40, 0x55), 40);

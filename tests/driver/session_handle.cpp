@@ -5,43 +5,15 @@
 
 #include <cerrno>
 #include <cstring>
-#include <mutex>
-#include <string>
 #include <vector>
 
 #include <VQXScanInterface.h>
 
-#include "Diagnostics.h"
 #include "Scan_session_body.h"
 #include "scan_session.h"
+#include "test_scope.h"
 
 namespace {
-
-// Collects dbg_output texts while alive.
-class Output_capture {
-public:
-    Output_capture() { active = this; set_dbg_output_hook(&hook); }
-    ~Output_capture() { set_dbg_output_hook(nullptr); active = nullptr; }
-    size_t count(const std::string& text) const
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        size_t n = 0;
-        for (const std::string& line : lines)
-            n += line.find(text) != std::string::npos;
-        return n;
-    }
-
-private:
-    static void hook(const char* text)
-    {
-        std::lock_guard<std::mutex> lock(active->mutex);
-        active->lines.push_back(text);
-    }
-    static Output_capture* active;
-    mutable std::mutex mutex;
-    std::vector<std::string> lines;
-};
-Output_capture* Output_capture::active = nullptr;
 
 // A body that keeps lights and exposure and counts its destruction.
 class Test_body : public Scan_session_body {
@@ -70,16 +42,17 @@ struct Test_handle : Scan_session {
 
 TEST(SessionHandle, CopiesShareTheBodyAndTheLastOneDestroysIt)
 {
-    int destroyed = 0;
+    int destroyed = 0, destroyed_b = 0;
     auto* body = new Test_body(&destroyed);
     auto* first = new Test_handle(*body);
     EXPECT_EQ(1u, body->ref_cnt);
     {
         Test_handle second(*first);
         EXPECT_EQ(body, second.get_body());
-        EXPECT_EQ(2u, body->ref_cnt);
         Test_handle third;
         third = second;
+        EXPECT_EQ(3u, body->ref_cnt);
+        third = third;  // self-assignment keeps the body
         EXPECT_EQ(3u, body->ref_cnt);
         third.release();
         EXPECT_EQ(nullptr, third.get_body());
@@ -89,24 +62,14 @@ TEST(SessionHandle, CopiesShareTheBodyAndTheLastOneDestroysIt)
     EXPECT_EQ(1u, body->ref_cnt);
     EXPECT_EQ(0, destroyed);
     EXPECT_TRUE(*first);
-    delete first;
+    // Assignment drops the old body.
+    Test_handle b(*new Test_body(&destroyed_b));
+    *first = b;
     EXPECT_EQ(1, destroyed);
-}
-
-TEST(SessionHandle, AssignmentDropsTheOldBody)
-{
-    int destroyed_a = 0, destroyed_b = 0;
-    Test_handle a(*new Test_body(&destroyed_a));
-    {
-        Test_handle b(*new Test_body(&destroyed_b));
-        a = b;
-        EXPECT_EQ(1, destroyed_a);
-        EXPECT_EQ(2u, b.get_body()->ref_cnt);
-        a = a;  // self-assignment keeps the body
-        EXPECT_EQ(2u, b.get_body()->ref_cnt);
-    }
+    EXPECT_EQ(2u, b.get_body()->ref_cnt);
+    delete first;
     EXPECT_EQ(0, destroyed_b);
-    a.release();
+    b.release();
     EXPECT_EQ(1, destroyed_b);
 }
 
@@ -134,14 +97,12 @@ TEST(SessionHandle, LightsAndExposureCopyAtMostTheSmallerRecord)
     EXPECT_EQ(9u, out.reserved);
 
     // A caller record claiming 40 bytes receives 28.
-    unsigned char big[40];
-    std::memset(big, 0xAB, sizeof big);
-    uint32_t size = 40;
-    std::memcpy(big, &size, 4);
-    EXPECT_TRUE(handle.Get_lights(*reinterpret_cast<_tagVQX_SCANNER_LIGHTING*>(big)));
-    std::memcpy(&size, big, 4);
-    EXPECT_EQ(28u, size);
-    EXPECT_EQ(0xAB, big[28]);
+    struct { _tagVQX_SCANNER_LIGHTING lights; unsigned char tail[12]; } big;
+    std::memset(&big, 0xAB, sizeof big);
+    big.lights.size = 40;
+    EXPECT_TRUE(handle.Get_lights(big.lights));
+    EXPECT_EQ(28u, big.lights.size);
+    EXPECT_EQ(0xAB, big.tail[0]);
 
     // Exposure: 8 bytes set only the mode; the size field stays 80.
     Exposure_settings e;
@@ -211,45 +172,31 @@ TEST(SessionHandle, UninitialisedSessionFailsEveryCallWithErrnoOne)
 
 TEST(SessionHandle, NullHandlesAreEinval)
 {
-    errno = 0;
-    EXPECT_EQ(nullptr, VQXSI_GetNewScan(nullptr));
-    EXPECT_EQ(EINVAL, errno);
-    errno = 0;
-    EXPECT_EQ(nullptr, VQXSI_GetSingleFrame(nullptr));
-    EXPECT_EQ(EINVAL, errno);
-    VQX_SCANNER_LIGHTING lights{28, 0, 0, 0, 0, 0, 0};
-    uint32_t pairs[2] = {ES_TARGET_VALUE, 0};
-    VQX_SCANENGINE_PROPERTIES_EX properties;
-    const std::vector<std::pair<const char*, VQXSI_BOOL (*)()>> calls = {
-        {"StartScanning", [] { return VQXSI_StartScanning(nullptr); }},
-        {"StopScanning", [] { return VQXSI_StopScanning(nullptr); }},
-        {"UnlockBuffer", [] { return VQXSI_UnlockBuffer(nullptr, nullptr); }},
-        {"SetExposureMode", [] { return VQXSI_SetExposureMode(nullptr, 2); }},
+    static VQX_SCANNER_LIGHTING lights{28, 0, 0, 0, 0, 0, 0};
+    static uint32_t pairs[2] = {ES_TARGET_VALUE, 0};
+    static VQX_SCANENGINE_PROPERTIES_EX properties;
+    const std::vector<std::pair<const char*, bool (*)()>> calls = {
+        {"GetNewScan", [] { return VQXSI_GetNewScan(nullptr) == nullptr; }},
+        {"GetSingleFrame", [] { return VQXSI_GetSingleFrame(nullptr) == nullptr; }},
+        {"StartScanning", [] { return VQXSI_StartScanning(nullptr) == 0; }},
+        {"StopScanning", [] { return VQXSI_StopScanning(nullptr) == 0; }},
+        {"UnlockBuffer", [] { return VQXSI_UnlockBuffer(nullptr, nullptr) == 0; }},
+        {"SetExposureMode", [] { return VQXSI_SetExposureMode(nullptr, 2) == 0; }},
+        {"SetLights", [] { return VQXSI_SetLights(nullptr, &lights) == 0; }},
+        {"GetLights", [] { return VQXSI_GetLights(nullptr, &lights) == 0; }},
+        {"SetExposureSettings", [] { return VQXSI_SetExposureSettings(nullptr, pairs, sizeof pairs) == 0; }},
+        {"GetExposureSettings", [] { return VQXSI_GetExposureSettings(nullptr, pairs, sizeof pairs) == 0; }},
+        {"GetScanEngineProperties",
+         [] { return VQXSI_GetScanEnginePropertiesEx(nullptr, &properties, sizeof properties) == 0; }},
+        {"GetSleepTimeout", [] { return VQXSI_GetSleepTimeout(nullptr, nullptr) == 0; }},
+        {"GetScanDriverRevision", [] { return VQXSI_GetScanDriverRevision(nullptr, nullptr) == 0; }},
     };
     for (const auto& call : calls) {
         SCOPED_TRACE(call.first);
         errno = 0;
-        EXPECT_EQ(0, call.second());
+        EXPECT_TRUE(call.second());
         EXPECT_EQ(EINVAL, errno);
     }
-    errno = 0;
-    EXPECT_EQ(0, VQXSI_SetLights(nullptr, &lights));
-    EXPECT_EQ(EINVAL, errno);
-    errno = 0;
-    EXPECT_EQ(0, VQXSI_GetLights(nullptr, &lights));
-    EXPECT_EQ(EINVAL, errno);
-    errno = 0;
-    EXPECT_EQ(0, VQXSI_SetExposureSettings(nullptr, pairs, sizeof pairs));
-    EXPECT_EQ(EINVAL, errno);
-    errno = 0;
-    EXPECT_EQ(0, VQXSI_GetExposureSettings(nullptr, pairs, sizeof pairs));
-    EXPECT_EQ(EINVAL, errno);
-    errno = 0;
-    EXPECT_EQ(0, VQXSI_GetScanEnginePropertiesEx(nullptr, &properties, sizeof properties));
-    EXPECT_EQ(EINVAL, errno);
-    errno = 0;
-    EXPECT_EQ(0, VQXSI_GetSleepTimeout(nullptr, nullptr));
-    EXPECT_EQ(EINVAL, errno);
     VQXSI_CloseSessionWithScanEngine(nullptr);
 
     // Revision queries ignore the handle.
@@ -257,9 +204,6 @@ TEST(SessionHandle, NullHandlesAreEinval)
     EXPECT_EQ(1, VQXSI_GetScanDriverRevision(nullptr, revision));
     EXPECT_STREQ("2.138", revision);
     EXPECT_STREQ("Revision: 2.138", VQXSI_RevisionString());
-    errno = 0;
-    EXPECT_EQ(0, VQXSI_GetScanDriverRevision(nullptr, nullptr));
-    EXPECT_EQ(EINVAL, errno);
 }
 
 } // namespace

@@ -3,7 +3,7 @@
 // recording exposure controller, the real Sensor, Buffer_locker,
 // Available_buffer, Progress_tracker, Stream_driver (built per test with its
 // capture mode) and State_manager, wired into a private Scan_driver that
-// the_scan_driver points at. dbg_output texts are collected. TearDown stops
+// the_scan_driver points at. dbg_output texts are collected by an Output_capture. TearDown stops
 // a running scan and checks that every buffer the driver armed or received
 // went back to the hardware layer.
 #ifndef VQX_TESTS_STREAM_FIXTURE_H
@@ -13,45 +13,18 @@
 
 #include <chrono>
 #include <memory>
-#include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Available_buffer.h"
 #include "Buffer_locker.h"
-#include "Diagnostics.h"
 #include "Progress_tracker.h"
-#include "Scan_driver.h"
 #include "Script_trait.h"
 #include "Sensor.h"
 #include "State_manager.h"
 #include "Stream_driver.h"
-
-// Counts dbg_output texts containing a part, while it exists.
-class Output_capture {
-public:
-    Output_capture() { set_dbg_output_hook(&hook); }
-    ~Output_capture() { set_dbg_output_hook(nullptr); texts().clear(); }
-    static size_t count(const std::string& part)
-    {
-        std::lock_guard<std::mutex> lock(mutex());
-        size_t n = 0;
-        for (const auto& t : texts())
-            n += t.find(part) != std::string::npos;
-        return n;
-    }
-
-private:
-    static void hook(const char* text)
-    {
-        std::lock_guard<std::mutex> lock(mutex());
-        texts().push_back(text);
-    }
-    static std::mutex& mutex() { static std::mutex m; return m; }
-    static std::vector<std::string>& texts() { static std::vector<std::string> t; return t; }
-};
+#include "test_scope.h"
 
 class Stream_test : public ::testing::Test {
 public:
@@ -65,16 +38,8 @@ protected:
 
     void SetUp() override
     {
-        saved = the_scan_driver;
-        driver.exposure_controller = &controller;
-        driver.sensor = &sensor;
-        driver.trait = &trait;
-        driver.buffer_locker = &locker;
-        driver.available_buffer = &available;
-        driver.progress_tracker = &tracker;
-        driver.capabilities.size = sizeof(driver.capabilities);
-        trait.get_capabilities(driver.capabilities);
-        the_scan_driver = &driver;
+        scope.reset(new Driver_scope);
+        scope->wire(&controller, &sensor, &trait, &locker, &available, &tracker);
         lights.size = sizeof lights;
         lights.scanning_mode = 5;
     }
@@ -87,28 +52,20 @@ protected:
         }
         state_manager.reset();
         stream.reset();  // cancels its alarms before the_scan_driver changes
-        the_scan_driver = saved;
-        driver.exposure_controller = nullptr;  // the objects belong to the fixture
-        driver.sensor = nullptr;
-        driver.trait = nullptr;
-        driver.stream_driver = nullptr;
-        driver.buffer_locker = nullptr;
-        driver.available_buffer = nullptr;
-        driver.progress_tracker = nullptr;
-        driver.state_manager = nullptr;
+        scope.reset();
     }
 
     void make_stream(unsigned int mode)
     {
         stream.reset(new Stream_driver(&sensor, mode));
-        driver.stream_driver = stream.get();
+        scope->driver.stream_driver = stream.get();
         trait.register_frame_notifications(&IStream_driver::vsync_ist,
                                            static_cast<IStream_driver*>(stream.get()));
     }
     void make_state_manager()
     {
         state_manager.reset(new State_manager());
-        driver.state_manager = state_manager.get();
+        scope->driver.state_manager = state_manager.get();
     }
     // Builds the stream driver and starts a scan; the log holds the start.
     void start(unsigned int mode, bool stop_after_image = false)
@@ -229,8 +186,7 @@ protected:
     Progress_tracker tracker;
     std::unique_ptr<Stream_driver> stream;
     std::unique_ptr<State_manager> state_manager;
-    Scan_driver driver;
-    Scan_driver* saved = nullptr;
+    std::unique_ptr<Driver_scope> scope;
     _tagVQX_SCANNER_LIGHTING lights{};
     Exposure_settings exposure;
 };

@@ -102,72 +102,61 @@ TEST(ExposureTags, ConversionsSaturateAtTheirLimits)
     EXPECT_EQ(0xFFFFFFu, gain_256_to_whole(0xFFFFFFFFu));
 }
 
-TEST(ExposureTags, SetStoresInRecordUnitsAndGetConvertsBack)
+// Set stores in record units and get converts back; a later pair wins and
+// tags sharing a field alias; unknown and ignored tags are skipped on set
+// and read 0 on get.
+TEST(ExposureTags, SetThenGetPairs)
 {
-    Settings_session session;
-    auto got = set_and_get(session, {ES_MAX_EXP, 100, ES_FIXED_GAIN, 4},
-                           {ES_MAX_EXP_US, 1, ES_MAX_EXP, 1, ES_FIXED_GAIN_256, 1, ES_FIXED_GAIN, 1});
-    EXPECT_EQ(12700u, session.settings.max_exposure);
-    EXPECT_EQ(1024u, session.settings.fixed_gain);
-    EXPECT_EQ((std::vector<unsigned>{ES_MAX_EXP_US, 12700, ES_MAX_EXP, 100, ES_FIXED_GAIN_256, 1024,
-                                     ES_FIXED_GAIN, 4}),
-              got);
-
-    got = set_and_get(session, {ES_MAX_EXP_US, 12799, ES_FIXED_GAIN, 16777215, ES_FIXED_EXP, 240},
-                      {ES_MAX_EXP, 0, ES_FIXED_GAIN_256, 0, ES_FIXED_EXP_US, 0});
-    EXPECT_EQ((std::vector<unsigned>{ES_MAX_EXP, 100, ES_FIXED_GAIN_256, 4294967040u, ES_FIXED_EXP_US,
-                                     30480}),
-              got);
-}
-
-TEST(ExposureTags, LaterPairWinsAndSharedFieldsAlias)
-{
-    Settings_session session;
-    auto got = set_and_get(session, {ES_FRAME_RATE, 15, ES_FIXED_FRAME_RATE, 20, ES_MAX_GAIN, 2, ES_MAX_GAIN_256, 700},
-                           {ES_FRAME_RATE, 0, ES_FIXED_FRAME_RATE, 0, ES_MAX_GAIN_256, 0, ES_MAX_GAIN, 0});
-    EXPECT_EQ((std::vector<unsigned>{ES_FRAME_RATE, 20, ES_FIXED_FRAME_RATE, 20, ES_MAX_GAIN_256, 700,
-                                     ES_MAX_GAIN, 2}),
-              got);
+    using V = std::vector<unsigned>;
+    const struct { V set, get, expected; } cases[] = {
+        {{ES_MAX_EXP, 100, ES_FIXED_GAIN, 4},
+         {ES_MAX_EXP_US, 1, ES_MAX_EXP, 1, ES_FIXED_GAIN_256, 1, ES_FIXED_GAIN, 1},
+         {ES_MAX_EXP_US, 12700, ES_MAX_EXP, 100, ES_FIXED_GAIN_256, 1024, ES_FIXED_GAIN, 4}},
+        {{ES_MAX_EXP_US, 12799, ES_FIXED_GAIN, 16777215, ES_FIXED_EXP, 240},
+         {ES_MAX_EXP, 0, ES_FIXED_GAIN_256, 0, ES_FIXED_EXP_US, 0},
+         {ES_MAX_EXP, 100, ES_FIXED_GAIN_256, 4294967040u, ES_FIXED_EXP_US, 30480}},
+        {{ES_FRAME_RATE, 15, ES_FIXED_FRAME_RATE, 20, ES_MAX_GAIN, 2, ES_MAX_GAIN_256, 700},
+         {ES_FRAME_RATE, 0, ES_FIXED_FRAME_RATE, 0, ES_MAX_GAIN_256, 0, ES_MAX_GAIN, 0},
+         {ES_FRAME_RATE, 20, ES_FIXED_FRAME_RATE, 20, ES_MAX_GAIN_256, 700, ES_MAX_GAIN, 2}},
+        {{6, 5, 7, 5, ES_FAST_START, 5, ES_DECODE_PARAMETER, 5, 99, 5},
+         {6, 9, ES_FAST_START, 9, ES_DECODE_PARAMETER, 9, 1000, 9, ES_TARGET_VALUE, 9},
+         {6, 0, ES_FAST_START, 0, ES_DECODE_PARAMETER, 0, 1000, 0, ES_TARGET_VALUE, 120}},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+        SCOPED_TRACE(i);
+        Settings_session session;
+        const Exposure_settings before = session.settings;
+        EXPECT_EQ(cases[i].expected, set_and_get(session, cases[i].set, cases[i].get));
+        if (i == 0) {
+            EXPECT_EQ(12700u, session.settings.max_exposure);
+            EXPECT_EQ(1024u, session.settings.fixed_gain);
+        }
+        if (i == 3) {
+            EXPECT_EQ(0, std::memcmp(&before, &session.settings, sizeof before));
+        }
+    }
 }
 
 TEST(ExposureTags, PlainTagsReachTheirFieldsAndNothingElse)
 {
     Settings_session session;
-    const Exposure_settings before = session.settings;
+    Exposure_settings expected = session.settings;  // fields no tag names stay
+    expected.exposure_method = 1;
+    expected.target_value = 90;
+    expected.target_percentile = 95;
+    expected.target_accept_gap = 10;
+    expected.conform_image = 1;
+    expected.conform_tries = 3;
+    expected.specular_exclusion = 1;
+    expected.specular_saturation = 200;
+    expected.specular_limit = 5;
+    expected.adjust_exp_when_illum_off = 0;
     set_and_get(session,
                 {ES_EXPOSURE_METHOD, 1, ES_TARGET_VALUE, 90, ES_TARGET_PERCENTILE, 95, ES_TARGET_ACCEPT_GAP, 10,
                  ES_CONFORM_IMAGE, 1, ES_CONFORM_TRIES, 3, ES_SPECULAR_EXCLUSION, 1, ES_SPECULAR_SAT, 200,
                  ES_SPECULAR_LIMIT, 5, ES_ADJUST_EXP_WHEN_ILLUM_OFF, 0},
                 {});
-    const Exposure_settings& s = session.settings;
-    EXPECT_EQ(1u, s.exposure_method);
-    EXPECT_EQ(90u, s.target_value);
-    EXPECT_EQ(95u, s.target_percentile);
-    EXPECT_EQ(10u, s.target_accept_gap);
-    EXPECT_EQ(1u, s.conform_image);
-    EXPECT_EQ(3u, s.conform_tries);
-    EXPECT_EQ(1u, s.specular_exclusion);
-    EXPECT_EQ(200u, s.specular_saturation);
-    EXPECT_EQ(5u, s.specular_limit);
-    EXPECT_EQ(0u, s.adjust_exp_when_illum_off);
-    // Fields no tag names are untouched.
-    EXPECT_EQ(before.size, s.size);
-    EXPECT_EQ(before.mode, s.mode);
-    EXPECT_EQ(before.start_exposure, s.start_exposure);
-    EXPECT_EQ(before.start_gain, s.start_gain);
-    EXPECT_EQ(before.last_field, s.last_field);
-}
-
-TEST(ExposureTags, UnknownAndIgnoredTagsAreSkippedAndReadZero)
-{
-    Settings_session session;
-    const Exposure_settings before = session.settings;
-    auto got = set_and_get(session, {6, 5, 7, 5, ES_FAST_START, 5, ES_DECODE_PARAMETER, 5, 99, 5},
-                           {6, 9, ES_FAST_START, 9, ES_DECODE_PARAMETER, 9, 1000, 9, ES_TARGET_VALUE, 9});
-    EXPECT_EQ(0, std::memcmp(&before, &session.settings, sizeof before));
-    EXPECT_EQ((std::vector<unsigned>{6, 0, ES_FAST_START, 0, ES_DECODE_PARAMETER, 0, 1000, 0, ES_TARGET_VALUE,
-                                     120}),
-              got);
+    EXPECT_EQ(0, std::memcmp(&expected, &session.settings, sizeof expected));
 }
 
 TEST(ExposureTags, SizeCountsWholePairsAndZeroStillWritesBack)

@@ -7,7 +7,7 @@
 #include "Auto_exposure_accumulator.h"
 #include "Context_sensitive_accumulator.h"
 #include "Histogram.h"
-#include "assert_capture.h"
+#include "Output_capture.h"
 
 namespace {
 
@@ -112,7 +112,7 @@ TEST(ContextSensitiveAccumulator, OverflowReportsEachLostPairAndKeepsExtremes)
 {
     auto acc = std::make_unique<Cs_accumulator>();
     acc->reset();
-    Assert_capture capture;
+    Output_capture capture;
     for (unsigned i = 0; i < Cs_accumulator::buffer_pairs / 4; ++i)
         acc->accumulate(word(100, 101, 100, 101));
     EXPECT_EQ(acc->n_buffered, 10240u);
@@ -121,8 +121,8 @@ TEST(ContextSensitiveAccumulator, OverflowReportsEachLostPairAndKeepsExtremes)
     acc->accumulate(word(0, 255, 255, 255));
     const char* file = "jni/../../lib/include/Context_sensitive_accumulator";
     const char* expr = "n_buffered < elementsof(delta_buffer)";
-    const std::vector<std::string> expected = {Assert_capture::line(expr, file, 89), Assert_capture::line(expr, file, 89),
-                                               Assert_capture::line(expr, file, 89), Assert_capture::line(expr, file, 109)};
+    const std::vector<std::string> expected = {Output_capture::assertion(expr, file, 89), Output_capture::assertion(expr, file, 89),
+                                               Output_capture::assertion(expr, file, 89), Output_capture::assertion(expr, file, 109)};
     EXPECT_EQ(capture.take(), expected);
     EXPECT_EQ(acc->n_buffered, 10240u);
     EXPECT_EQ(acc->max_delta, 255);

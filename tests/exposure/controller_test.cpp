@@ -9,7 +9,7 @@
 #include "Exposure_controller.h"
 #include "Exposure_rules.h"
 #include "X5501_Exposure_controller.h"
-#include "assert_capture.h"
+#include "Output_capture.h"
 
 namespace {
 
@@ -152,11 +152,11 @@ TEST(X5501Controller, WindowStartAndPercentileWalk)
 
     // Context-sensitive mode uses that sampler's geometry; null image reported.
     c->settings.mode = 3;
-    Assert_capture capture;
+    Output_capture capture;
     c->sample_reset(752, 480);
     c->sample_pixels(480);
     EXPECT_EQ(c->n_samples, 0u);
-    EXPECT_EQ(capture.take(), std::vector<std::string>{Assert_capture::line("ptr != NULL", "jni/../../Sensor/X5501_trait", 67)});
+    EXPECT_EQ(capture.take(), std::vector<std::string>{Output_capture::assertion("ptr != NULL", "jni/../../Sensor/X5501_trait", 67)});
     const std::vector<uint8_t> grey(752 * 480, 90);
     c->set_sample_image(grey.data());
     c->sample_pixels(480);

@@ -9,7 +9,7 @@
 #include "Exposure_controller.h"
 #include "Exposure_rules.h"
 #include "history_queue.h"
-#include "assert_capture.h"
+#include "Output_capture.h"
 
 namespace {
 
@@ -86,10 +86,10 @@ TEST(ExposureConverter, FollowsSettingsAndCacheModes)
     EXPECT_EQ(conv.exposure_us, 30480u);
     EXPECT_EQ(conv.get_rows(), 1695u);
 
-    Assert_capture capture;
+    Output_capture capture;
     c->bind(nullptr);
     EXPECT_EQ(conv.current_rows(), 1695u); // the cached value
-    EXPECT_EQ(capture.take(), std::vector<std::string>{Assert_capture::line("p_sensor", "jni/../../lib/include/Exposure_converter", 94)});
+    EXPECT_EQ(capture.take(), std::vector<std::string>{Output_capture::assertion("p_sensor", "jni/../../lib/include/Exposure_converter", 94)});
 }
 
 TEST(ContrastStep, UpwardStepLimitedToFourFold)
@@ -127,18 +127,18 @@ TEST(HistoryQueue, AgesValuesAndReportsBadIndexes)
     EXPECT_EQ(q.at(1), 9u);
     EXPECT_EQ(q.at(2), 9u);
 
-    Assert_capture capture;
+    Output_capture capture;
     const char* file = "jni/../../lib/include/history_queue";
     q.at(3) = 8;  // head 0: one subtraction brings 3 back to the newest slot
     q.at(6) = 77; // 6 - 3 stays outside the ring
     EXPECT_EQ(q.at(0) + q.at(1) + q.at(2), 26u);
     q.at(-1); // with head 0 it also falls outside the ring
-    EXPECT_EQ(capture.take(), (std::vector<std::string>{Assert_capture::line("s_idx < size", file, 52),
-                                                        Assert_capture::line("idx >= 0", file, 50),
-                                                        Assert_capture::line("s_idx < size", file, 52)}));
+    EXPECT_EQ(capture.take(), (std::vector<std::string>{Output_capture::assertion("s_idx < size", file, 52),
+                                                        Output_capture::assertion("idx >= 0", file, 50),
+                                                        Output_capture::assertion("s_idx < size", file, 52)}));
 
     history_queue<unsigned> empty(0);
     empty.newest() = 5;
     empty.advance();
-    EXPECT_EQ(capture.take(), std::vector<std::string>{Assert_capture::line("s_idx < size", file, 52)});
+    EXPECT_EQ(capture.take(), std::vector<std::string>{Output_capture::assertion("s_idx < size", file, 52)});
 }

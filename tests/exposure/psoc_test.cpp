@@ -2,11 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "Diagnostics.h"
+#include "Output_capture.h"
 #include "Psoc.h"
 
 namespace {
@@ -38,18 +37,6 @@ public:
         return true;
     }
 };
-
-std::vector<std::string>& output()
-{
-    static std::vector<std::string> lines;
-    return lines;
-}
-void collect(const char* text)
-{
-    static std::mutex m;
-    std::lock_guard<std::mutex> g(m);
-    output().push_back(text);
-}
 
 TEST(Psoc, CacheTrustsOnlyWhatItReadOrWrote)
 {
@@ -111,8 +98,7 @@ TEST(Psoc, LightsModeAndBoostKeepTheOtherBits)
     EXPECT_EQ(Psoc::get_lights_mode(_tagVQX_SCANNER_LIGHTING::LightsMode(7)), 2);
     EXPECT_EQ(Psoc::get_lights_mode(0xFFFFFFFFu), 0);
 
-    output().clear();
-    set_dbg_output_hook(collect);
+    Output_capture output;
     Fake_psoc bus;
     bus.regs[0x32] = 0xE0 | (2 << 2) | 1;  // boost 2, lights 1
     Psoc psoc(&bus);
@@ -129,11 +115,10 @@ TEST(Psoc, LightsModeAndBoostKeepTheOtherBits)
     EXPECT_TRUE(psoc.set_boost(1, true));   // equal: nothing
     EXPECT_TRUE(psoc.set_lights_mode(2));   // unchanged: nothing
     EXPECT_EQ(bus.writes, writes);
-    EXPECT_TRUE(output().empty());
+    EXPECT_TRUE(output.messages().empty());
     EXPECT_TRUE(psoc.set_boost(3, true));  // reported, taken as 2
     EXPECT_EQ(bus.regs[0x32], 0xE0 | (2 << 2) | 2);
-    EXPECT_EQ(output(), std::vector<std::string>{"Assertion: level <= 2 @ jni/../../lib/Psoc line @120\r\n"});
-    set_dbg_output_hook(nullptr);
+    EXPECT_EQ(output.take(), std::vector<std::string>{"Assertion: level <= 2 @ jni/../../lib/Psoc line @120\r\n"});
 
     bus.regs[0x32] = 0x10 | (2 << 2);  // bits 2-4 are replaced as a whole
     psoc.invalidate();

@@ -1,13 +1,14 @@
-// The simulator keeps the hardware-layer contract: buffers, arming, frame
-// conditions, callbacks without its lock, stop paths, GetConfig, PSoC,
-// InitHWLayer and the tools' C interface.
+// The simulator's side of the hardware-layer contract beyond what the
+// conformance suite checks on it: buffer states, frame conditions, stop
+// paths, GetConfig, PSoC, InitHWLayer and the tools' C interface.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <set>
+#include <thread>
+#include <utility>
 
 #include "Simulator.h"
 #include "sim_harness.h"
@@ -16,26 +17,20 @@
 using namespace simtest;
 using vqxsim::Buffer_state;
 
-TEST(SimContract, BuffersAreStableDistinctAndFilledOnlyWhenArmedInOrder)
+TEST(SimContract, BuffersFilledOnlyWhenArmedInOrder)
 {
     vqxsim::Config c = step_config();
     c.buffers = 3;
     auto sim = make_sim(c);
     IHwl& hwl = *sim->hwl();
-    uint64_t n = 0, n2 = 0;
+    uint64_t n = 0;
     IHwl::Image_buffer_pointers* b = hwl.GetImageBuffers(n);
     ASSERT_EQ(3u, n);
-    EXPECT_EQ(b, hwl.GetImageBuffers(n2));
-    std::set<int> handles;
     size_t size = size_t(hwl.GetScanWidth()) * hwl.GetScanHeight();
     for (unsigned i = 0; i < n; ++i) {
-        EXPECT_NE(0, b[i].handle);
-        handles.insert(b[i].handle);
-        ASSERT_NE(nullptr, b[i].image);
         EXPECT_EQ(b[i].image, b[i].capture);
-        std::memset(b[i].image, 0x5A, size);  // the whole buffer is ours to touch
+        std::memset(b[i].image, 0x5A, size);
     }
-    EXPECT_EQ(3u, handles.size());
 
     Vsync_log log;
     start_streaming(hwl, log);
@@ -117,24 +112,6 @@ TEST(SimContract, FramesNeedSupplyWakeStreamingAndTransfer)
 
 namespace {
 
-// Calls back into the simulator from its own callback thread.
-struct Reentrant {
-    IHwl* hwl = nullptr;
-    std::atomic<int> calls{0};
-    std::atomic<bool> other_thread{false};
-    std::thread::id test_thread;
-    static void vsync(int handle, void* self)
-    {
-        auto* r = static_cast<Reentrant*>(self);
-        uint16_t status = 0;
-        r->hwl->ReadReg(0x303C, &status, 2);
-        r->hwl->ReleaseBuffer(handle);
-        r->hwl->InitCapture(handle);
-        r->other_thread = std::this_thread::get_id() != r->test_thread;
-        ++r->calls;
-    }
-};
-
 struct Stop_probe {
     std::atomic<int> calls{0};
     static void done(void* self) { ++static_cast<Stop_probe*>(self)->calls; }
@@ -148,46 +125,28 @@ struct Stop_probe {
 
 }  // namespace
 
-TEST(SimContract, CallbacksRunWithoutTheSimulatorLockAndStopPathsWork)
+TEST(SimContract, ImmediateDeferredAndNeverConfirmedStops)
 {
     auto sim = make_sim(step_config());
-    IHwl& hwl = *sim->hwl();
-    Vsync_log unused;
-    start_streaming(hwl, unused);
-    Reentrant r;
-    r.hwl = &hwl;
-    r.test_thread = std::this_thread::get_id();
-    ASSERT_TRUE(hwl.RegisterVsyncNotification(&Reentrant::vsync, &r));
+    Vsync_log log;
+    start_streaming(*sim->hwl(), log);
     uint64_t n = 0;
-    ASSERT_TRUE(hwl.InitCapture(hwl.GetImageBuffers(n)[1].handle));
-    EXPECT_EQ(3u, sim->step(3)) << "the callback re-arms its own buffer";
-    EXPECT_EQ(3, r.calls.load());
-    EXPECT_TRUE(r.other_thread);
-
-    // Immediate stop: true, and the callback is never made.
-    Stop_probe probe;
-    EXPECT_TRUE(hwl.RequestStopScanning(&Stop_probe::done, &probe));
+    ASSERT_TRUE(sim->hwl()->InitCapture(sim->hwl()->GetImageBuffers(n)[1].handle));
+    Stop_probe immediate;
+    EXPECT_TRUE(sim->hwl()->RequestStopScanning(&Stop_probe::done, &immediate));
     EXPECT_EQ(1u, sim->step(1)) << "an armed capture still completes";
-    EXPECT_FALSE(probe.wait_for(1, 20));
+    EXPECT_FALSE(immediate.wait_for(1, 20));
     EXPECT_EQ(0u, sim->counters().stop_confirmations);
-}
 
-TEST(SimContract, DeferredAndNeverConfirmedStops)
-{
-    vqxsim::Config c = step_config();
-    ASSERT_TRUE(c.faults.parse("defer_stop=10", nullptr));
-    auto deferred = make_sim(c);
+    auto deferred = make_sim(step_config("defer_stop=10"));
     Stop_probe probe;
     EXPECT_FALSE(deferred->hwl()->RequestStopScanning(&Stop_probe::done, &probe));
     EXPECT_TRUE(probe.wait_for(1, 2000));
     EXPECT_FALSE(probe.wait_for(2, 30)) << "confirmed exactly once";
     EXPECT_FALSE(deferred->hwl()->RequestStopScanning(nullptr, nullptr)) << "a null callback is skipped";
-    vqxsim::Counters k = deferred->counters();
-    EXPECT_EQ(2u, k.stop_requests);
+    EXPECT_EQ(2u, deferred->counters().stop_requests);
 
-    vqxsim::Config never = step_config();
-    ASSERT_TRUE(never.faults.parse("never_confirm_stop", nullptr));
-    auto silent = make_sim(never);
+    auto silent = make_sim(step_config("never_confirm_stop"));
     Stop_probe quiet;
     EXPECT_FALSE(silent->hwl()->RequestStopScanning(&Stop_probe::done, &quiet));
     EXPECT_FALSE(quiet.wait_for(1, 40));
@@ -211,9 +170,6 @@ TEST(SimContract, GetConfigWritesOnlyInsideTheCallersSize)
     EXPECT_EQ(5u, part.capture_mode);
     EXPECT_EQ(0xEEu, part.engine_variant);
     sim->hwl()->GetConfig(nullptr);
-    EXPECT_STREQ("X7710", sim->hwl()->EngineType());
-    EXPECT_EQ(1280u, sim->hwl()->GetScanWidth());
-    EXPECT_EQ(800u, sim->hwl()->GetScanHeight());
 }
 
 TEST(SimContract, PsocRegistersLightsAndIdentity)
@@ -309,20 +265,17 @@ TEST(SimContract, InitHWLayerInstallationEnvironmentAndFrameInfo)
 
 TEST(SimContract, ConfigurationFromEnvironmentAndFaultLists)
 {
-    setenv("VQXSIM_FPS", "30", 1);
-    setenv("VQXSIM_BUFFERS", "6", 1);
-    setenv("VQXSIM_SCENE", "flat:17", 1);
-    setenv("VQXSIM_FORMAT", "qrcode", 1);
-    setenv("VQXSIM_FAULTS", "drop=5,stall_after=20,regfail_write=0.01,defer_stop=50,never_confirm_stop,storm", 1);
-    setenv("VQXSIM_ORIENTATION", "180", 1);
-    setenv("VQXSIM_REVISION", "3,4", 1);
-    setenv("VQXSIM_AIMER_OFFSET", "1,2,0x10,4", 1);
+    const std::pair<const char*, const char*> vars[] = {
+        {"VQXSIM_FPS", "30"}, {"VQXSIM_BUFFERS", "6"}, {"VQXSIM_SCENE", "flat:17"}, {"VQXSIM_FORMAT", "qrcode"},
+        {"VQXSIM_FAULTS", "drop=5,stall_after=20,regfail_write=0.01,defer_stop=50,never_confirm_stop,storm"},
+        {"VQXSIM_ORIENTATION", "180"}, {"VQXSIM_REVISION", "3,4"}, {"VQXSIM_AIMER_OFFSET", "1,2,0x10,4"}};
+    for (auto& v : vars)
+        setenv(v.first, v.second, 1);
     vqxsim::Config c;
     std::string error;
     bool ok = vqxsim::Config::from_environment(c, &error);
-    for (const char* v : {"VQXSIM_FPS", "VQXSIM_BUFFERS", "VQXSIM_SCENE", "VQXSIM_FORMAT", "VQXSIM_FAULTS",
-                          "VQXSIM_ORIENTATION", "VQXSIM_REVISION", "VQXSIM_AIMER_OFFSET"})
-        unsetenv(v);
+    for (auto& v : vars)
+        unsetenv(v.first);
     ASSERT_TRUE(ok) << error;
     EXPECT_EQ(30.0, c.fps);
     EXPECT_EQ(6u, c.buffers);
@@ -356,7 +309,6 @@ TEST(SimContract, ConfigurationFromEnvironmentAndFaultLists)
     EXPECT_FALSE(vqxsim::Config::from_environment(c, &error));
     unsetenv("VQXSIM_BUFFERS");
     EXPECT_NE(std::string::npos, error.find("VQXSIM_BUFFERS"));
-    std::unique_ptr<vqxsim::Simulator> none;
     vqxsim::Config bad = step_config();
     bad.scene = vqxsim::Scene_kind::image_file;
     bad.image_file = "/nonexistent/scene.pgm";

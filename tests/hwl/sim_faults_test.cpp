@@ -51,16 +51,13 @@ TEST(SimFaults, FrameFaultsFireOnlyOnTheirFrame)
         {"unknown_handle=2", E{{H0}, {H0 + 1, 0x0BAD}, {H0 + 2}, {H0 + 3}}},
     };
     for (const Case& k : cases) {
-        vqxsim::Config c = step_config();
-        ASSERT_TRUE(c.faults.parse(k.faults, nullptr));
-        auto sim = make_sim(c);
+        auto sim = make_sim(step_config(k.faults));
         EXPECT_EQ(k.expected, run_four_frames(*sim)) << k.faults;
         vqxsim::Counters n = sim->counters();
         std::string f = k.faults;
-        EXPECT_EQ(f == "drop=2" ? 1u : 0u, n.frames_dropped) << f;
-        EXPECT_EQ(f == "zero_handle=2" ? 1u : 0u, n.zero_handle_events) << f;
-        EXPECT_EQ(f == "duplicate=2" ? 1u : 0u, n.duplicate_events) << f;
-        EXPECT_EQ(f == "unknown_handle=2" ? 1u : 0u, n.unknown_handle_events) << f;
+        EXPECT_EQ((std::vector<uint64_t>{f == "drop=2", f == "zero_handle=2", f == "duplicate=2", f == "unknown_handle=2"}),
+                  (std::vector<uint64_t>{n.frames_dropped, n.zero_handle_events, n.duplicate_events, n.unknown_handle_events}))
+            << f;
         EXPECT_EQ(0u, n.stalls + n.register_read_failures + n.register_write_failures + n.psoc_failures) << f;
         std::vector<vqxsim::Frame_record> frames = sim->frames();
         ASSERT_EQ(4u, frames.size());
@@ -73,9 +70,7 @@ TEST(SimFaults, FrameFaultsFireOnlyOnTheirFrame)
 
 TEST(SimFaults, RegisterAndPsocFailures)
 {
-    vqxsim::Config c = step_config();
-    ASSERT_TRUE(c.faults.parse("regfail_write=2,regfail_read=*2,psocfail=1", nullptr));
-    auto sim = make_sim(c);
+    auto sim = make_sim(step_config("regfail_write=2,regfail_read=*2,psocfail=1"));
     IHwl& hwl = *sim->hwl();
     ASSERT_TRUE(hwl.ImagerPowerOn());
     EXPECT_TRUE(write16(hwl, 0x3012, 11));
@@ -120,9 +115,7 @@ TEST(SimFaults, RegisterAndPsocFailures)
 
 TEST(SimFaults, StallAfterFramesAndTheDriversRecovery)
 {
-    vqxsim::Config c = step_config();
-    c.faults.stall_after = 2;
-    auto sim = make_sim(c);
+    auto sim = make_sim(step_config("stall_after=2"));
     IHwl& hwl = *sim->hwl();
     Vsync_log log;
     start_streaming(hwl, log);
@@ -159,9 +152,7 @@ TEST(SimFaults, StallAfterFramesAndTheDriversRecovery)
 
 TEST(SimFaults, FirstFrameDelay)
 {
-    vqxsim::Config c = step_config();
-    c.faults.first_frame_delay_ms = 60;
-    auto sim = make_sim(c);
+    auto sim = make_sim(step_config("first_frame_delay=60"));
     Vsync_log log;
     start_streaming(*sim->hwl(), log);
     ASSERT_TRUE(sim->hwl()->InitCapture(H0));

@@ -7,25 +7,22 @@
 
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include "Simulator.h"
 
 namespace simtest {
 
-/// Records vsync callbacks (handle and thread).
+/// Records the handles of vsync callbacks.
 struct Vsync_log {
     std::mutex mutex;
     std::vector<int> handles;
-    std::vector<std::thread::id> threads;
 
     static void callback(int handle, void* context)
     {
         auto* log = static_cast<Vsync_log*>(context);
         std::lock_guard<std::mutex> hold(log->mutex);
         log->handles.push_back(handle);
-        log->threads.push_back(std::this_thread::get_id());
     }
     std::vector<int> take()
     {
@@ -36,13 +33,17 @@ struct Vsync_log {
     }
 };
 
-inline vqxsim::Config step_config(vqxsim::Render_mode render = vqxsim::Render_mode::fast)
+/// A step-mode configuration with the given fault list.
+inline vqxsim::Config step_config(vqxsim::Render_mode render = vqxsim::Render_mode::fast, const char* faults = "")
 {
     vqxsim::Config c;
     c.real_time = false;
     c.render = render;
+    EXPECT_TRUE(c.faults.parse(faults, nullptr)) << faults;
     return c;
 }
+
+inline vqxsim::Config step_config(const char* faults) { return step_config(vqxsim::Render_mode::fast, faults); }
 
 inline std::unique_ptr<vqxsim::Simulator> make_sim(const vqxsim::Config& c)
 {
@@ -77,8 +78,6 @@ inline void start_streaming(IHwl& hwl, Vsync_log& log, uint16_t rows = 50, uint1
     ASSERT_TRUE(hwl.StartScanning());
     ASSERT_TRUE(write16(hwl, 0x301A, 0x30DC));
 }
-
-inline IHwl::Image_buffer_pointers* buffers(IHwl& hwl, uint64_t& count) { return hwl.GetImageBuffers(count); }
 
 /// Arms buffer @p index and steps one frame; returns the frame's image.
 inline const unsigned char* capture(vqxsim::Simulator& sim, unsigned index = 0)

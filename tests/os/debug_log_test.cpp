@@ -1,13 +1,16 @@
 // The process-wide in-memory log. Every test first settles the log (empty,
 // lock free), so the tests run in any order, alone or together, as long as
 // all dumps happen on the main thread.
-#include "Dbg_output_capture.h"
+#include "Output_capture.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
 
 namespace {
+
+const std::string owns_report =
+    Output_capture::assertion("_owns()", "jni/../../lib_os/linux/Synchronization", 175);
 
 std::string dump()
 {
@@ -19,7 +22,7 @@ std::string dump()
 // "_owns()" reports made by one dbg_log call on this thread.
 size_t owns_reports_of_log(const char* text)
 {
-    Dbg_output_capture out;
+    Output_capture out;
     dbg_log("%s", text);
     return out.count(owns_report);
 }

@@ -1,5 +1,5 @@
 // Hex dump layout, dbg_output scratch text and assertion reports.
-#include "Dbg_output_capture.h"
+#include "Output_capture.h"
 
 #include <gtest/gtest.h>
 
@@ -44,7 +44,7 @@ TEST(HexDump, LineLayoutIsByteExact)
 
 TEST(Diagnostics, OutputAssertionsAndDumpSinks)
 {
-    Dbg_output_capture out;
+    Output_capture out;
     const std::string long_text(300, 'x');
     testing::internal::CaptureStderr();
     dbg_output("%s\r\n", long_text.c_str());

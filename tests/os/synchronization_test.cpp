@@ -1,5 +1,5 @@
 // Mutex ownership and recursion, event semantics, threads and time helpers.
-#include "Dbg_output_capture.h"
+#include "Output_capture.h"
 #include "Synchronization.h"
 
 #include <gtest/gtest.h>
@@ -28,11 +28,14 @@ template <class F> bool on_other_thread(F f)
 
 int64_t ns_of(const timespec& t) { return int64_t(t.tv_sec) * 1000000000 + t.tv_nsec; }
 
+const std::string owns_report =
+    Output_capture::assertion("_owns()", "jni/../../lib_os/linux/Synchronization", 175);
+
 } // namespace
 
-TEST(Mutex, RecursionAndOwnershipAcrossThreads)
+TEST(Mutex, RecursionOwnershipAndBlockedWaiters)
 {
-    Dbg_output_capture out;
+    Output_capture out;
     Probe_mutex m(false);
     EXPECT_TRUE(m.wait(0) && m.wait(0) && m.owns());
     EXPECT_EQ(2u, m.depth());
@@ -54,11 +57,8 @@ TEST(Mutex, RecursionAndOwnershipAcrossThreads)
     Probe_mutex owned(true);
     EXPECT_TRUE(owned.owns() && owned.depth() == 1);
     EXPECT_FALSE(on_other_thread([&] { return owned.wait(0); }));
-}
 
-TEST(Mutex, BlockedWaitersTakeItOnlyOnFinalRelease)
-{
-    Probe_mutex m(false);
+    // Blocked waiters take it only on the final release.
     ASSERT_TRUE(m.wait(MT_INFINITE) && m.wait(MT_INFINITE));
     std::atomic<int> acquired{0};
     auto waiter = [&](unsigned ms) { if (m.wait(ms)) { acquired++; m.release(); } };
@@ -106,7 +106,7 @@ TEST(Event, WaitsAndResetModes)
     }
 }
 
-TEST(Time, TimespecTickCountAndDelay)
+TEST(Time, TimespecTickCountDelayAndThreads)
 {
     timespec a{1, 999999999}, b{0, 500000000};
     EXPECT_EQ(2000000000, ns_of(a += timespec{0, 1}));
@@ -128,10 +128,8 @@ TEST(Time, TimespecTickCountAndDelay)
     const auto t0 = std::chrono::steady_clock::now();
     MT_Delay(15);
     EXPECT_GE(std::chrono::steady_clock::now() - t0, 15ms);
-}
 
-TEST(Thread, CreateRunsFunctionOnJoinableThread)
-{
+    // MT_CreateThread runs the function on a joinable thread.
     std::atomic<int> calls{0};
     auto fn = [](void* p) -> unsigned { return ++*static_cast<std::atomic<int>*>(p); };
     long handle = 0;

@@ -4,14 +4,14 @@
 //   "Name(args)" (e.g. "ReleaseBuffer(101)", "WriteReg(0x3012,1)"); a test
 //   checks counts and order. A Fake_trait built on this layer writes its own
 //   (lower-case) calls into the same log, so the order across both is kept.
-// - Results of the boolean operations are atomics a test may change at any
-//   time, also while the driver runs on other threads.
+// - The results of starting, stopping and requesting a stop are atomics a
+//   test may change at any time, also while the driver runs on other
+//   threads; the other operations succeed.
 // - set_buffers(n, width, height) lends n zeroed frames of width x height
 //   bytes with handles first_handle, first_handle + 1, ...; image and capture
 //   address are the same unless a test rewrites `buffers` before loading.
-// - The registered vsync callback and stop callback are kept; fire_vsync()
-//   and complete_stop() call them from the calling thread.
-// - Registers written with WriteReg are kept and returned by ReadReg.
+// - The registered vsync callback is kept; fire_vsync() calls it from the
+//   calling thread. Registers read as 0.
 #ifndef VQX_TESTS_FAKE_HWL_H
 #define VQX_TESTS_FAKE_HWL_H
 
@@ -19,7 +19,6 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
-#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -70,8 +69,6 @@ private:
 
 class Fake_hwl : public IHwl {
 public:
-    explicit Fake_hwl(const char* engine_type = "FAKE") : engine_type(engine_type) {}
-
     void set_buffers(size_t n, unsigned int w, unsigned int h, int first_handle = 101)
     {
         width = w;
@@ -87,10 +84,9 @@ public:
     unsigned char* frame(size_t i) { return storage[i].data(); }
 
     void fire_vsync(int buffer) { if (vsync_callback) vsync_callback(buffer, vsync_context); }
-    void complete_stop() { if (stop_callback) stop_callback(stop_context); }
 
     // IHwl --------------------------------------------------------------
-    const char* EngineType() override { log.record("EngineType"); return engine_type; }
+    const char* EngineType() override { return "FAKE"; }
     Image_buffer_pointers* GetImageBuffers(uint64_t& count) override
     {
         log.record("GetImageBuffers");
@@ -103,74 +99,57 @@ public:
         log.record("RegisterVsyncNotification");
         vsync_callback = callback;
         vsync_context = context;
-        return register_result;
+        return true;
     }
     unsigned int GetScanHeight() override { return height; }
     unsigned int GetScanWidth() override { return width; }
-    bool ImagerPowerUp() override { log.record("ImagerPowerUp"); return power_result; }
-    bool ImagerPowerDown() override { log.record("ImagerPowerDown"); return power_result; }
-    bool ImagerPowerOn() override { log.record("ImagerPowerOn"); return power_result; }
-    bool ImagerPowerOff() override { log.record("ImagerPowerOff"); return power_result; }
-    bool InitCapture(int buffer) override { log.record("InitCapture(%d)", buffer); return init_capture_result; }
+    bool ImagerPowerUp() override { return logged("ImagerPowerUp"); }
+    bool ImagerPowerDown() override { return logged("ImagerPowerDown"); }
+    bool ImagerPowerOn() override { return logged("ImagerPowerOn"); }
+    bool ImagerPowerOff() override { return logged("ImagerPowerOff"); }
+    bool InitCapture(int buffer) override { log.record("InitCapture(%d)", buffer); return true; }
     void StartSnapshot() override { log.record("StartSnapshot"); }
-    bool ResetTransferHardware() override { log.record("ResetTransferHardware"); return true; }
-    bool AimOn() override { log.record("AimOn"); return true; }
-    bool AimOff() override { log.record("AimOff"); return true; }
+    bool ResetTransferHardware() override { return logged("ResetTransferHardware"); }
+    bool AimOn() override { return logged("AimOn"); }
+    bool AimOff() override { return logged("AimOff"); }
     bool IllumConfig(unsigned int config) override { log.record("IllumConfig(%u)", config); return true; }
-    bool IllumOn() override { log.record("IllumOn"); return true; }
-    bool IllumOff() override { log.record("IllumOff"); return true; }
+    bool IllumOn() override { return logged("IllumOn"); }
+    bool IllumOff() override { return logged("IllumOff"); }
     bool WriteReg(unsigned int address, uint16_t* values, uint64_t length) override
     {
         log.record("WriteReg(0x%04X,%u)", address, length >= 2 ? values[0] : 0u);
-        std::lock_guard<std::mutex> lock(reg_mutex);
-        for (uint64_t i = 0; i < length / 2; ++i)
-            registers[address + static_cast<unsigned int>(i)] = values[i];
-        return reg_result;
+        return true;
     }
     bool ReadReg(unsigned int address, uint16_t* values, uint64_t length) override
     {
         log.record("ReadReg(0x%04X)", address);
-        std::lock_guard<std::mutex> lock(reg_mutex);
-        for (uint64_t i = 0; i < length / 2; ++i)
-            values[i] = registers[address + static_cast<unsigned int>(i)];
-        return reg_result;
+        std::fill(values, values + length / 2, uint16_t(0));
+        return true;
     }
-    void GetConfig(Config* config) override { log.record("GetConfig"); config->capture_mode = capture_mode; }
+    void GetConfig(Config* config) override { log.record("GetConfig"); config->capture_mode = 3; }
     bool StartScanning() override { log.record("StartScanning"); return start_scanning_result; }
     bool StopScanning() override { log.record("StopScanning"); return stop_scanning_result; }
-    bool OpenSession() override { log.record("OpenSession"); return open_session_result; }
+    bool OpenSession() override { return logged("OpenSession"); }
     void CloseSession() override { log.record("CloseSession"); }
-    bool RequestStopScanning(Stop_callback callback, void* context) override
+    bool RequestStopScanning(Stop_callback, void*) override
     {
         log.record("RequestStopScanning");
-        stop_callback = callback;
-        stop_context = context;
         return request_stop_result;
     }
 
     Call_log log;
-    const char* engine_type;
     unsigned int width = 0;
     unsigned int height = 0;
-    unsigned int capture_mode = 3;
     std::vector<std::vector<unsigned char>> storage;
     std::vector<IHwl::Image_buffer_pointers> buffers;
-    std::map<unsigned int, uint16_t> registers;
-    std::mutex reg_mutex;
-
-    std::atomic<bool> register_result{true};
-    std::atomic<bool> power_result{true};
-    std::atomic<bool> init_capture_result{true};
-    std::atomic<bool> reg_result{true};
     std::atomic<bool> start_scanning_result{true};
     std::atomic<bool> stop_scanning_result{true};
-    std::atomic<bool> open_session_result{true};
     std::atomic<bool> request_stop_result{true};
 
+private:
+    bool logged(const char* name) { log.record("%s", name); return true; }
     Vsync_callback vsync_callback = nullptr;
     void* vsync_context = nullptr;
-    Stop_callback stop_callback = nullptr;
-    void* stop_context = nullptr;
 };
 
 #endif

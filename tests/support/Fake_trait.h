@@ -2,8 +2,9 @@
 //
 // Implements every pure operation of Sensor_trait by recording it in the
 // hardware layer's Call_log (lower-case names, e.g. "trigger_on",
-// "init_capture(101)", "update_contrast(120,500)") and returning a settable
-// result. get_image_buffers and register_frame_notifications forward to the
+// "init_capture(101)", "update_contrast(120,500)"); initialising,
+// deinitialising and the starting exposure return settable results, the
+// rest succeed (contrast 1000 = exposure 100 x gain 10). get_image_buffers and register_frame_notifications forward to the
 // Fake_hwl as engine traits do; the base behaviours (start/stop scanning,
 // check_stall, release_buffer, ...) are inherited untouched, so their calls
 // show up as the trait's and the hardware layer's entries in one log.
@@ -28,7 +29,7 @@ public:
     bool init_capture(const IHwl::Image_buffer_pointers* buffer) override
     {
         log.record("init_capture(%d)", buffer != nullptr ? buffer->handle : 0);
-        return init_capture_result;
+        return true;
     }
     void trigger_off() override { log.record("trigger_off"); }
     bool set_starting_exposure_gain(unsigned int& contrast) override
@@ -42,12 +43,12 @@ public:
     {
         log.record("update_contrast(%u,%u)", white, contrast);
         new_contrast = next_contrast;
-        return update_contrast_result;
+        return true;
     }
     bool change_lights(const _tagVQX_SCANNER_LIGHTING& lighting) override
     {
         log.record("change_lights(%u)", lighting.scanning_mode);
-        return change_lights_result;
+        return true;
     }
     IHwl::Image_buffer_pointers* get_image_buffers(uint64_t& count) override
     {
@@ -57,32 +58,18 @@ public:
     {
         return fake_hwl.RegisterVsyncNotification(callback, context);
     }
-    unsigned int current_contrast() override { return contrast_value; }
-    unsigned int current_exposure() override { return exposure_value; }
-    unsigned int current_gain() override { return gain_value; }
-    bool update_properties(VQX_SCANENGINE_PROPERTIES_EX& properties) override
-    {
-        (void)properties;
-        log.record("update_properties");
-        return true;
-    }
-
-    // Base state, for checks.
-    bool get_second_flag() const { return second_flag; }
+    unsigned int current_contrast() override { return 1000; }
+    unsigned int current_exposure() override { return 100; }
+    unsigned int current_gain() override { return 10; }
+    bool update_properties(VQX_SCANENGINE_PROPERTIES_EX&) override { log.record("update_properties"); return true; }
 
     Fake_hwl& fake_hwl;
     Call_log& log;
     std::atomic<bool> initialize_result{true};
     std::atomic<bool> deinitialize_result{true};
-    std::atomic<bool> init_capture_result{true};
     std::atomic<bool> starting_result{true};
-    std::atomic<bool> update_contrast_result{true};
-    std::atomic<bool> change_lights_result{true};
     std::atomic<unsigned int> starting_contrast{1000};
     std::atomic<unsigned int> next_contrast{1000};
-    std::atomic<unsigned int> contrast_value{1000};
-    std::atomic<unsigned int> exposure_value{100};
-    std::atomic<unsigned int> gain_value{10};
 };
 
 #endif

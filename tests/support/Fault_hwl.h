@@ -61,7 +61,6 @@ public:
         uint64_t lives_ended = 0;
         uint64_t lives_marked = 0;     ///< lives a client received
         uint64_t ended_unmarked = 0;   ///< lives the driver dropped
-        uint64_t vsyncs_forwarded = 0; ///< callbacks made into the driver
         uint64_t frames_dropped = 0;   ///< drop fault
         uint64_t frames_swallowed = 0; ///< stall fault
         uint64_t extra_vsyncs = 0;     ///< duplicate, zero and unknown handles
@@ -70,7 +69,6 @@ public:
         uint64_t stop_requests = 0;
         uint64_t stops_confirmed = 0;
         uint64_t stops_never_confirmed = 0;
-        uint64_t double_releases = 0;  ///< ReleaseBuffer of a buffer not out
         uint64_t mark_errors = 0;
         std::string first_mark_error;
     };
@@ -151,8 +149,8 @@ public:
                 if (b.second.state == State::filled) {
                     b.second.state = State::alive;
                     b.second.marked = false;
+                    b.second.late_mark_allowed = false;
                     ++count.lives_begun;
-                    ++count.vsyncs_forwarded;
                     handles.push_back(b.first);
                 }
         }
@@ -179,8 +177,15 @@ public:
         auto it = buffers.find(handle);
         if (it == buffers.end())
             return mark_error("a frame address that is no buffer");
-        if (it->second.state != State::alive)
-            return mark_error("a buffer without a delivered frame was handed out");
+        if (it->second.state != State::alive) {
+            if (!it->second.late_mark_allowed)
+                return mark_error("a buffer without a delivered frame was handed out");
+            // The frame was handed out, then taken back before this mark.
+            it->second.late_mark_allowed = false;
+            --count.ended_unmarked;
+            ++count.lives_marked;
+            return true;
+        }
         if (it->second.marked)
             return mark_error("the same frame was handed out twice");
         it->second.marked = true;
@@ -235,25 +240,12 @@ public:
         return n;
     }
 
-    /// Lives that began and have not ended.
-    uint64_t lives_open() const
-    {
-        std::lock_guard<std::mutex> hold(mutex);
-        return count.lives_begun - count.lives_ended;
-    }
-
     // ----------------------------------------------------------------------
     // IHwl
     // ----------------------------------------------------------------------
     bool IsPsocSupported() override { return inner.IsPsocSupported(); }
-    bool WriteIIC_PSOC(unsigned char a, unsigned char* d, unsigned int n) override
-    {
-        return inner.WriteIIC_PSOC(a, d, n);
-    }
-    bool ReadIIC_PSOC(unsigned char a, unsigned char* d, unsigned int n) override
-    {
-        return inner.ReadIIC_PSOC(a, d, n);
-    }
+    bool WriteIIC_PSOC(unsigned char a, unsigned char* d, unsigned int n) override { return inner.WriteIIC_PSOC(a, d, n); }
+    bool ReadIIC_PSOC(unsigned char a, unsigned char* d, unsigned int n) override { return inner.ReadIIC_PSOC(a, d, n); }
 
     Image_buffer_pointers* GetImageBuffers(uint64_t& n) override
     {
@@ -274,8 +266,6 @@ public:
             std::lock_guard<std::mutex> hold(mutex);
             auto it = buffers.find(handle);
             if (it != buffers.end()) {
-                if (it->second.state == State::idle)
-                    ++count.double_releases;
                 end_life(it->second);
                 it->second.state = State::idle;
             }
@@ -323,18 +313,16 @@ public:
 
     bool WriteReg(unsigned int address, uint16_t* values, uint64_t length) override
     {
-        if (draw(p_write_fail)) {
+        if (p_write_fail > 0) {
             std::lock_guard<std::mutex> hold(mutex);
-            ++count.failed_writes;
-            return false;
+            if (chance(p_write_fail)) {
+                ++count.failed_writes;
+                return false;
+            }
         }
         return inner.WriteReg(address, values, length);
     }
-
-    bool ReadReg(unsigned int address, uint16_t* values, uint64_t length) override
-    {
-        return inner.ReadReg(address, values, length);
-    }
+    bool ReadReg(unsigned int address, uint16_t* values, uint64_t length) override { return inner.ReadReg(address, values, length); }
 
     void GetConfig(Config* config) override { inner.GetConfig(config); }
     bool LoadCaptureInfo() override { return inner.LoadCaptureInfo(); }
@@ -385,6 +373,10 @@ private:
     struct Buffer {
         State state = State::idle;
         bool marked = false;
+        // The last life ended unmarked: its frame may already be in a
+        // client's hands (taken back by another session's stop before the
+        // client marked it), so one late mark is still accepted.
+        bool late_mark_allowed = false;
     };
     struct Range {
         unsigned char* begin;
@@ -397,13 +389,11 @@ private:
         Clock::time_point due;
     };
 
-    bool draw(const std::atomic<double>& p)
+    // A draw with probability @p p; the caller holds the mutex.
+    bool chance(const std::atomic<double>& p)
     {
-        double value = p;
-        if (value <= 0)
-            return false;
-        std::lock_guard<std::mutex> hold(mutex);
-        return std::uniform_real_distribution<double>(0.0, 1.0)(random) < value;
+        const double value = p;
+        return value > 0 && std::uniform_real_distribution<double>(0.0, 1.0)(random) < value;
     }
 
     int handle_of_locked(const void* address) const
@@ -429,6 +419,7 @@ private:
         ++count.lives_ended;
         if (!b.marked)
             ++count.ended_unmarked;
+        b.late_mark_allowed = !b.marked;
         b.marked = false;
     }
 
@@ -447,10 +438,6 @@ private:
             context = driver_context;
             auto it = buffers.find(handle);
             const bool fresh = it != buffers.end() && it->second.state == State::armed;
-            auto chance = [this](const std::atomic<double>& p) {
-                double value = p;
-                return value > 0 && std::uniform_real_distribution<double>(0.0, 1.0)(random) < value;
-            };
             if (fresh && stall) {
                 it->second.state = State::filled;
                 ++count.frames_swallowed;
@@ -464,6 +451,7 @@ private:
                 if (fresh) {
                     it->second.state = State::alive;
                     it->second.marked = false;
+                    it->second.late_mark_allowed = false;
                     ++count.lives_begun;
                 }
                 events[n++] = handle;
@@ -474,7 +462,6 @@ private:
                 if (chance(p_unknown))
                     events[n++] = unknown_handle;
                 count.extra_vsyncs += unsigned(n - 1);
-                count.vsyncs_forwarded += unsigned(n);
             }
         }
         for (int i = 0; i < n; ++i)

@@ -1,0 +1,79 @@
+// Sim_client: what the programs that drive the exported interface on the
+// simulated engine share (the end-to-end tests over the shared libraries,
+// the misuse suite, the stress test and the fuzz target over the static
+// core). Header-only and free of GoogleTest, so that every one of them can
+// use it.
+//
+// The driver keeps the hardware layer it started with until the process
+// exits, so the simulator (and any layer put in front of it) is built once
+// and never destroyed.
+#ifndef VQX_TESTS_SIM_CLIENT_H
+#define VQX_TESTS_SIM_CLIENT_H
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <VQXScanInterface.h>
+
+#include "Simulator.h"
+
+namespace sim_client {
+
+/// A simulator built from @p config and kept for the life of the process;
+/// a configuration the simulator refuses ends the process.
+inline vqxsim::Simulator* kept_simulator(const vqxsim::Config& config)
+{
+    std::string error;
+    std::unique_ptr<vqxsim::Simulator> made = vqxsim::Simulator::create(config, &error);
+    if (!made) {
+        std::fprintf(stderr, "simulator: %s\n", error.c_str());
+        std::abort();
+    }
+    return made.release();
+}
+
+/// Polls @p pred every 2 ms until it holds or @p ms pass; its last value.
+template <class Pred>
+bool wait_until(Pred pred, unsigned ms = 3000)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return pred();
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+/// Milliseconds since @p start.
+inline long elapsed_ms(std::chrono::steady_clock::time_point start)
+{
+    return long(std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
+                    .count());
+}
+
+/// A session closed at scope exit (unless closed before).
+class Session {
+public:
+    Session() : h(VQXSI_OpenSessionWithScanEngine()) {}
+    ~Session() { close(); }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    void close()
+    {
+        VQXSI_CloseSessionWithScanEngine(h);
+        h = nullptr;
+    }
+    operator VQXSI_HANDLE() const { return h; }
+
+private:
+    VQXSI_HANDLE h;
+};
+
+} // namespace sim_client
+
+#endif
