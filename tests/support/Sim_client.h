@@ -16,6 +16,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <VQXScanInterface.h>
 
@@ -33,7 +34,11 @@ inline vqxsim::Simulator* kept_simulator(const vqxsim::Config& config)
         std::fprintf(stderr, "simulator: %s\n", error.c_str());
         std::abort();
     }
-    return made.release();
+    // Never destroyed (the driver keeps its hardware layer until the process
+    // ends), but kept reachable so that leak checkers see it is still owned.
+    static auto* kept = new std::vector<std::unique_ptr<vqxsim::Simulator>>;
+    kept->push_back(std::move(made));
+    return kept->back().get();
 }
 
 /// Polls @p pred every 2 ms until it holds or @p ms pass; its last value.
