@@ -98,6 +98,18 @@ void zeroed_settings(Exposure_settings& settings)
     settings.size = sizeof settings;
 }
 
+// The table row of @p tag when it names a field: null (with the trace) for
+// an unknown tag, null for an accepted but ignored one.
+const tag_entry_t* field_entry(unsigned int tag)
+{
+    const tag_entry_t* entry = find_tag_entry(exposure_tag_table, exposure_tag_count, tag);
+    if (!entry) {
+        silent_trace("Unknown tag: %u", tag);
+        return nullptr;
+    }
+    return entry->ignored ? nullptr : entry;
+}
+
 } // namespace
 
 unsigned int ExposureSetTags(Scan_session* session, const unsigned int* pairs, unsigned int size)
@@ -110,12 +122,8 @@ unsigned int ExposureSetTags(Scan_session* session, const unsigned int* pairs, u
     for (unsigned int i = 0; i < count; ++i) {
         const unsigned int tag = pairs[2 * i];
         uint32_t value = pairs[2 * i + 1];
-        const tag_entry_t* entry = find_tag_entry(exposure_tag_table, exposure_tag_count, tag);
-        if (!entry) {
-            silent_trace("Unknown tag: %u", tag);
-            continue;
-        }
-        if (entry->ignored)
+        const tag_entry_t* entry = field_entry(tag);
+        if (!entry)
             continue;
         if (entry->on_set)
             value = entry->on_set(value);
@@ -136,12 +144,8 @@ unsigned int ExposureGetTags(Scan_session* session, unsigned int* pairs, unsigne
     for (unsigned int i = 0; i < count; ++i) {
         const unsigned int tag = pairs[2 * i];
         pairs[2 * i + 1] = 0;
-        const tag_entry_t* entry = find_tag_entry(exposure_tag_table, exposure_tag_count, tag);
-        if (!entry) {
-            silent_trace("Unknown tag: %u", tag);
-            continue;
-        }
-        if (entry->ignored)
+        const tag_entry_t* entry = field_entry(tag);
+        if (!entry)
             continue;
         uint32_t value = read_field(local, entry->offset);
         if (entry->on_get)

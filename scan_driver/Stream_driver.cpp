@@ -532,30 +532,32 @@ bool Stream_driver::wait_for_stop_scanning(unsigned int ms)
 // Giving the scan driver's buffers back
 // ---------------------------------------------------------------------------
 
+// Gives the buffer in @p slot (pPrefill or pFilling) back: it must be held
+// once or more by the scan driver; the slot is cleared first.
+void Stream_driver::give_back(ScanBufferInfo*& slot, const char* owner_text, const char* lock_text,
+                              unsigned int line)
+{
+    if (slot == nullptr)
+        return;
+    ScanBufferInfo* info = slot;
+    SD_ASSERT(info->owner == ScanBufferInfo::SCANDRIVER, owner_text, STREAM_LABEL, line);
+    SD_ASSERT(info->lock_cnt >= 1, lock_text, STREAM_LABEL, line + 1);
+    slot = nullptr;
+    the_scan_driver->buffer_locker->UnlockBuffer(info, ScanBufferInfo::SCANDRIVER);
+}
+
 void Stream_driver::reset_prefill_state()
 {
-    if (pPrefill != nullptr) {
-        ScanBufferInfo* prefill = pPrefill;
-        SD_ASSERT(prefill->owner == ScanBufferInfo::SCANDRIVER,
-                  "pPrefill->owner == ScanBufferInfo::SCANDRIVER", STREAM_LABEL, __LINE__);
-        SD_ASSERT(prefill->lock_cnt >= 1, "pPrefill->lock_cnt >= 1", STREAM_LABEL, __LINE__);
-        pPrefill = nullptr;
-        the_scan_driver->buffer_locker->UnlockBuffer(prefill, ScanBufferInfo::SCANDRIVER);
-    }
+    give_back(pPrefill, "pPrefill->owner == ScanBufferInfo::SCANDRIVER", "pPrefill->lock_cnt >= 1",
+              __LINE__);
     notify();
 }
 
 void Stream_driver::reset_buffer_statex()
 {
     reset_prefill_state();
-    if (pFilling != nullptr) {
-        ScanBufferInfo* filling = pFilling;
-        SD_ASSERT(filling->owner == ScanBufferInfo::SCANDRIVER,
-                  "pFilling->owner == ScanBufferInfo::SCANDRIVER", STREAM_LABEL, __LINE__);
-        SD_ASSERT(filling->lock_cnt >= 1, "pFilling->lock_cnt >= 1", STREAM_LABEL, __LINE__);
-        pFilling = nullptr;
-        the_scan_driver->buffer_locker->UnlockBuffer(filling, ScanBufferInfo::SCANDRIVER);
-    }
+    give_back(pFilling, "pFilling->owner == ScanBufferInfo::SCANDRIVER", "pFilling->lock_cnt >= 1",
+              __LINE__);
     notify();
 }
 

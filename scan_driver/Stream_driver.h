@@ -149,6 +149,7 @@ private:
     void set_scan_state(Scan_state_t state);
     void reset_prefill_state();
     void reset_buffer_statex();
+    void give_back(ScanBufferInfo*& slot, const char* owner_text, const char* lock_text, unsigned int line);
     // Gives a buffer the scan driver holds back without telling
     // buffer_free (so capture is not restarted from inside a reset).
     void release_quietly(ScanBufferInfo* info);
