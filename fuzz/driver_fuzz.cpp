@@ -81,6 +81,7 @@ Engine& engine()
         c.render = vqxsim::Render_mode::none;
         made->sim = sim_client::kept_simulator(c);
         made->hwl = new robust::Fault_hwl(*made->sim->hwl(), 42);
+        made->hwl->event_guard = robust::with_driver_monitor;
         if (const char* f = std::getenv("VQX_FUZZ_FAULTS"))
             made->faults = f;
         vqxsim::set_instance_for_InitHWLayer(made->hwl);

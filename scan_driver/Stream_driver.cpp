@@ -346,11 +346,20 @@ void Stream_driver::vsync_notify(int buffer)
         silent_trace("pFilling->lock_cnt should be 1 not %u at line: %u", completed->lock_cnt,
                      static_cast<unsigned>(__LINE__));
     notify();
+    const bool out_of_order = completed->pointers.handle != buffer;
+    // An event naming the buffer armed next (a late duplicate): that buffer
+    // now waits for the client, so it is no longer one being filled.
+    if (out_of_order && pPrefill != nullptr && pPrefill->pointers.handle == buffer)
+        pPrefill = nullptr;
     pFilling = pPrefill;
     pPrefill = nullptr;
     notify();
-    if (completed->pointers.handle != buffer)
+    if (out_of_order) {
+        // The capture that was being filled is given up: its buffer goes
+        // back, and only the capture still armed (if any) stays pending.
         release_quietly(completed);
+        pending_captures = pFilling != nullptr ? 1 : 0;
+    }
 }
 
 void Stream_driver::release_quietly(ScanBufferInfo* info)

@@ -235,7 +235,9 @@ TEST_F(Stream_test, VsyncWithAnUnknownHandleIsReportedAndReturned)
 }
 
 // A frame out of arming order is reported; the buffer that was being filled
-// goes back to the hardware layer instead of staying locked.
+// goes back to the hardware layer instead of staying locked, and the named
+// buffer leaves the captures in flight (a late duplicate event for the
+// buffer armed next must not leave it both waiting and being filled).
 TEST_F(Stream_test, VsyncOutOfOrderReleasesTheBufferBeingFilled)
 {
     start(0);
@@ -245,4 +247,25 @@ TEST_F(Stream_test, VsyncOutOfOrderReleasesTheBufferBeingFilled)
     EXPECT_EQ(0u, record(0)->lock_cnt);
     EXPECT_EQ(1u, hwl.log.count("ReleaseBuffer(101)"));
     EXPECT_EQ(nullptr, vstream().get_lock()->filling());
+    stop_and_drain();
+
+    start(3);
+    fill(0, 0x11);  // the inter-frame point arms the next buffer
+    ASSERT_TRUE(wait_for_call("update_contrast(100,1000)"));
+    ASSERT_EQ(record(1), vstream().get_lock()->prefill());
+    calls();
+    vsync(102);
+    EXPECT_EQ(2u, Output_capture::count("pFilling->pointers.handle == buffer"));
+    EXPECT_EQ(record(1), available_now());
+    EXPECT_EQ(nullptr, vstream().get_lock()->filling());
+    EXPECT_EQ(nullptr, vstream().get_lock()->prefill());
+    EXPECT_EQ(0u, vstream().get_lock()->get_pending_captures());
+    EXPECT_EQ(0u, record(0)->lock_cnt);
+    EXPECT_EQ(1u, hwl.log.count("ReleaseBuffer(101)"));
+    // The frame goes to the client and comes back; the scan goes on.
+    ScanBufferInfo* frame = client_take();
+    ASSERT_EQ(record(1), frame);
+    calls();
+    EXPECT_TRUE(client_unlock(frame));
+    EXPECT_EQ("ReleaseBuffer(102) init_capture(101) trigger_on", calls());
 }

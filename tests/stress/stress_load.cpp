@@ -188,6 +188,7 @@ void Load::build_engine()
         // layer for good.
         shared_sim = sim_client::kept_simulator(c);
         shared_hwl = new robust::Fault_hwl(*shared_sim->hwl(), opt.seed * 7919 + 1);
+        shared_hwl->event_guard = robust::with_driver_monitor;
         vqxsim::set_instance_for_InitHWLayer(shared_hwl);
     }
     sim = shared_sim;

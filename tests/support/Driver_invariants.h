@@ -20,6 +20,7 @@
 #define VQX_TESTS_DRIVER_INVARIANTS_H
 
 #include <cstdio>
+#include <functional>
 #include <string>
 
 #include "Available_buffer.h"
@@ -142,6 +143,21 @@ inline Driver_snapshot snapshot()
     s.streaming = m.is_streaming();
     s.buffers = census_locked(d);
     return s;
+}
+
+/// Runs @p f under the sensor's monitor (the driver's outermost lock),
+/// entered from a thread that holds no driver lock. Used as a Fault_hwl
+/// event guard: the monitor is recursive, so the vsync callbacks run by @p f
+/// enter it again.
+inline void with_driver_monitor(const std::function<void()>& f)
+{
+    Scan_driver& d = *the_scan_driver;
+    if (!d.sensor) {
+        f();
+        return;
+    }
+    auto lock = static_cast<Sensor volatile*>(d.sensor)->get_lock();
+    f();
 }
 
 /// Empty when the snapshot shows an idle driver after the last session
