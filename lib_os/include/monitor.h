@@ -219,6 +219,11 @@ public:
     Alarm_body(const Alarm_body&) = delete;
     Alarm_body& operator=(const Alarm_body&) = delete;
 
+    /// Bodies come from a small pool of reused blocks (Timer_alarm_pool.cpp):
+    /// the stream driver sets alarms at frame rate.
+    static void* operator new(size_t size);
+    static void operator delete(void* p, size_t size) noexcept;
+
     void incr_ref();
     /// Drops one reference; deletes the body at zero.
     void decr_ref();

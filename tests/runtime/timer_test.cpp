@@ -264,3 +264,33 @@ TEST(Alarm, DestroyingTheMonitorEndsTheTimerAndFreesBodies)
     EXPECT_EQ(Counted::live, 0);
     EXPECT_TRUE(log.messages().empty());
 }
+
+// Alarm bodies come from a pool of reused blocks; a body too large for a
+// block, and more bodies alive at once than the pool keeps, must still be
+// made and freed with matching sizes (the sanitizer builds check this).
+TEST(Alarm, BodiesOfEverySizeAreMadeAndFreedThroughThePool)
+{
+    struct Big {
+        Counted c{7};
+        char payload[512] = {};
+    };
+    struct Holder : Monitor<Holder> {
+        void small(Counted) {}
+        void big(Big) {}
+    } h;
+    const unsigned later = MT_GetTickCount() + 100000;
+    for (int round = 0; round < 2; ++round) {
+        std::vector<Alarm> alarms;
+        for (int i = 0; i < 40; ++i) {
+            alarms.push_back(h.monitor_base().alarm(h, &Holder::small, Counted(i), later, 0));
+            alarms.push_back(h.monitor_base().alarm(h, &Holder::big, Big{}, later, 0));
+        }
+        EXPECT_EQ(Counted::live, 80);
+        for (Alarm& a : alarms)
+            a.cancel();
+        alarms.clear();
+        EXPECT_EQ(Counted::live, 0);
+    }
+    Alarm soon = h.monitor_base().alarm(h, &Holder::small, Counted(1), MT_GetTickCount(), 0);
+    EXPECT_TRUE(eventually([&] { return soon.complete(); }));
+}
