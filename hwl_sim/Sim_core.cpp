@@ -871,6 +871,7 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
     ++count.frames_filled;
     last_filled = index;
     record.time_us = elapsed_us();
+    record.period_us = uint64_t(std::chrono::duration_cast<std::chrono::microseconds>(period).count());
     buffer.has_frame = true;
     buffer.frame = record;
     history.push_back(record);

@@ -161,6 +161,7 @@ struct Frame_record {
     bool illumination = false;
     bool aimer = false;
     uint64_t time_us = 0;      ///< since the instance was built
+    uint64_t period_us = 0;    ///< frame period the sensor was timed with (0 in step mode)
 };
 
 struct Counters {

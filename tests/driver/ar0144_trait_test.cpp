@@ -50,10 +50,8 @@ public:
     }
     size_t count(const std::string& op)
     {
-        size_t n = 0;
-        for (const Hwl_call& c : log())
-            n += c.op == op;
-        return n;
+        const std::vector<Hwl_call> l = log();
+        return size_t(std::count_if(l.begin(), l.end(), [&](const Hwl_call& c) { return c.op == op; }));
     }
 
     bool IsPsocSupported() override { return psoc_fitted; }
@@ -452,13 +450,9 @@ TEST(AR0144_trait, PropertiesRespectTheCallerSize)
 {
     Driver_scope scope(1 | (180u << 16));
     Recording_hwl hwl;
-    const unsigned char id[4] = {0, 0, 0x77, 0x10};
-    std::memcpy(hwl.psoc, id, 4);
-    std::memcpy(hwl.psoc + 4, "SN00000042", 10);
-    const unsigned char aim[4] = {0x00, 0x10, 0xFF, 0xF0};  // +16 columns, -16 rows
-    std::memcpy(hwl.psoc + 0x1A, aim, 4);
-    hwl.psoc[0x38] = 9;
-    hwl.psoc[0x39] = 2;
+    std::memcpy(hwl.psoc, "\0\0\x77\x10SN00000042", 14);  // engine id, serial number
+    std::memcpy(hwl.psoc + 0x1A, "\x00\x10\xFF\xF0", 4);   // aimer: +16 columns, -16 rows
+    std::memcpy(hwl.psoc + 0x38, "\x09\x02", 2);             // PSoC revision low, high
     AR0144_trait trait(hwl, nullptr);
 
     VQX_SCANENGINE_PROPERTIES_EX p;

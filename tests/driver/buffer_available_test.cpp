@@ -33,12 +33,6 @@ protected:
         }
         return result;
     }
-    // Changes made outside the driver's objects are announced like theirs.
-    void notify_sensor_monitor()
-    {
-        auto lock = static_cast<Sensor volatile&>(sensor).get_lock();
-        lock->notify();
-    }
 };
 
 TEST_F(Available_test, NewestFrameWinsAndGoesToClient)
@@ -51,13 +45,12 @@ TEST_F(Available_test, NewestFrameWinsAndGoesToClient)
     vavailable().set_p_available(record(1));
     EXPECT_EQ(hwl.log.entries(), std::vector<std::string>{released(0)});
     EXPECT_EQ(stream.buffer_free_calls, 1);
-    EXPECT_EQ(record(1)->lock_cnt, 1u);
+    EXPECT_EQ("1 SCANDRIVER", held(record(1)));
     EXPECT_EQ(vavailable().peek_available(), record(1));
 
     ScanBufferInfo* got = vavailable().get_available(true);
     ASSERT_EQ(got, record(1));
-    EXPECT_EQ(got->lock_cnt, 1u);
-    EXPECT_EQ(got->owner, Owner::CLIENT);
+    EXPECT_EQ("1 CLIENT", held(got));
     EXPECT_EQ(vavailable().peek_available(), nullptr);
     EXPECT_EQ(vlocker().circulating_buffers(), 2u);
     EXPECT_TRUE(vlocker().UnlockBuffer(got, Owner::CLIENT));
@@ -70,14 +63,13 @@ TEST_F(Available_test, ReclaimAndClearKeepScanDriverOwnership)
     vavailable().set_p_available(record(2));
     ScanBufferInfo* got = vavailable().get_available(false);
     ASSERT_EQ(got, record(2));
-    EXPECT_EQ(got->owner, Owner::SCANDRIVER);
-    EXPECT_EQ(got->lock_cnt, 1u);
+    EXPECT_EQ("1 SCANDRIVER", held(got));
     EXPECT_EQ(hwl.log.count_prefix("ReleaseBuffer"), 0u);
 
     vavailable().clear();  // nothing waits: no-op
     vavailable().set_p_available(record(0));
     vavailable().clear();
-    EXPECT_EQ(record(0)->lock_cnt, 0u);
+    EXPECT_EQ("0 NONE", held(record(0)));
     EXPECT_EQ(hwl.log.count(released(0)), 1u);
 
     // A client-held buffer offered as available is reported, and kept.
@@ -92,19 +84,16 @@ TEST_F(Available_test, ReclaimAndClearKeepScanDriverOwnership)
 
 TEST_F(Available_test, WaitingClientGivesUpWhenNothingCirculates)
 {
-    for (size_t i = 0; i < 3; ++i)
-        ASSERT_TRUE(vlocker().LockBuffer(record(i), Owner::CLIENT));
+    client_all(true);
     auto start = steady_clock::now();
     EXPECT_EQ(vavailable().get_available(true), nullptr);
     EXPECT_LT(steady_clock::now() - start, prompt);
 
     // A waiter already inside is released once the last buffer goes to the
     // client.
-    for (size_t i = 0; i < 3; ++i)
-        ASSERT_TRUE(vlocker().UnlockBuffer(record(i), Owner::CLIENT));
+    client_all(false);
     auto result = waiting_client();
-    for (size_t i = 0; i < 3; ++i)
-        ASSERT_TRUE(vlocker().LockBuffer(record(i), Owner::CLIENT));
+    client_all(true);
     ASSERT_EQ(result.wait_for(prompt), std::future_status::ready);
     EXPECT_EQ(result.get(), nullptr);
     EXPECT_EQ(vavailable().get_lock()->threads_inside(), 0u);
@@ -124,13 +113,12 @@ TEST_F(Available_test, WaitingClientWakesForAFrameFromOtherThreadOrAStall)
     EXPECT_EQ(vavailable().get_lock()->threads_inside(), 0u);
     {
         auto lock = vlocker().get_lock();
-        EXPECT_EQ(got->owner, Owner::CLIENT);
-        EXPECT_EQ(got->lock_cnt, 1u);
+        EXPECT_EQ("1 CLIENT", held(got));
     }
 
     result = waiting_client();
-    stream.is_stalled = true;
-    notify_sensor_monitor();
+    stream.is_stalled = true;  // announced on the sensor's monitor like the driver's changes
+    static_cast<Sensor volatile&>(sensor).get_lock()->notify();
     ASSERT_EQ(result.wait_for(prompt), std::future_status::ready);
     EXPECT_EQ(result.get(), nullptr);
 }

@@ -61,6 +61,19 @@ protected:
     Available_buffer volatile& vavailable() { return available; }
     ScanBufferInfo* record(size_t i) { return &locker.get_buffer_ary()[i]; }
     std::string released(size_t i) { return "ReleaseBuffer(" + std::to_string(101 + i) + ")"; }
+    // Locks (or unlocks) every record for the client.
+    void client_all(bool lock)
+    {
+        for (size_t i = 0; i < 3; ++i)
+            ASSERT_TRUE(lock ? vlocker().LockBuffer(record(i), ScanBufferInfo::CLIENT)
+                             : vlocker().UnlockBuffer(record(i), ScanBufferInfo::CLIENT)) << i;
+    }
+    // Lock count and owner of a record, e.g. "2 SCANDRIVER".
+    static std::string held(const ScanBufferInfo* r)
+    {
+        static const char* const owners[] = {"NONE", "SCANDRIVER", "CLIENT"};
+        return std::to_string(r->lock_cnt) + " " + (r->owner <= 2 ? owners[r->owner] : "?");
+    }
 
     Output_capture assertions;
     Fake_hwl hwl;

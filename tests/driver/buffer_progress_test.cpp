@@ -78,10 +78,8 @@ TEST_F(Progress_test, BuffersLeaveFromTheFrontOnly)
     tracker.clear();
     EXPECT_EQ(tracker.tracked(), 0u);
     EXPECT_EQ(valid_rows(0), 0u);
-}
 
-TEST_F(Progress_test, GeometryTooSmallForMarkersPlantsNothing)
-{
+    // A geometry too small for the markers: tracked, nothing planted.
     driver().capabilities.width = 3;
     std::memset(hwl.frame(0), 0x55, 40);
     tracker.start_tracking(record(0));

@@ -28,38 +28,34 @@ TEST_F(Stream_test, ConformityDiscardsFramesUpToTheTriesLimit)
     }
 }
 
+// Tries 0: a miss is kept at once. Target 10, gap 20: the lower bound would
+// wrap, so nothing below the target misses; above it, 31 does. Exposure
+// method below 2: the sampler gets no image and no frame is judged.
 TEST_F(Stream_test, ConformityLimitsAndWrapAround)
 {
     exposure.conform_image = 1;
-    exposure.conform_tries = 0;  // a miss is kept at once
-    start(0);
-    controller.white = 0;
-    vsync(101);
-    EXPECT_EQ(record(0), available_now());
-    EXPECT_EQ(1u, hwl.log.count("update_contrast(0,1000)"));
-    client_unlock(client_take());
-
-    // Target 10, gap 20: the lower bound would wrap, so nothing below the
-    // target misses; above it, 31 does.
-    exposure.conform_tries = 5;
-    exposure.target_value = 10;
-    exposure.target_accept_gap = 20;
-    stop_and_drain();
-    ASSERT_TRUE(stream->start_scanning(lights, exposure, false));
-    for (unsigned white : {0u, 30u, 31u}) {
-        controller.white = white;
+    make_stream(0);
+    const struct { unsigned tries, target, gap, method, white; bool kept; } cases[] = {
+        {0, 120, 40, 2, 0, true}, {5, 10, 20, 2, 0, true}, {5, 10, 20, 2, 30, true},
+        {5, 10, 20, 2, 31, false}, {5, 10, 20, 1, 31, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.tries << " " << c.method << " " << c.white);
+        exposure.conform_tries = c.tries;
+        exposure.target_value = c.target;
+        exposure.target_accept_gap = c.gap;
+        exposure.exposure_method = c.method;
+        controller.white = c.white;
+        stop_and_drain();
+        hwl.log.clear();
+        ASSERT_TRUE(stream->start_scanning(lights, exposure, false));
         vsync(101);
-        EXPECT_EQ(white != 31, available_now() == record(0)) << white;
+        EXPECT_EQ(c.kept, available_now() == record(0));
+        EXPECT_EQ(c.method < 2, controller.image_at_sample.load() == nullptr);
+        if (c.tries == 0) {
+            EXPECT_EQ(1u, hwl.log.count("update_contrast(0,1000)"));  // the kept miss updates the exposure
+        }
         client_unlock(client_take());
     }
-    // Exposure method below 2: the sampler gets no image and no frame is
-    // judged.
-    exposure.exposure_method = 1;
-    stop_and_drain();
-    ASSERT_TRUE(stream->start_scanning(lights, exposure, false));
-    vsync(101);
-    EXPECT_EQ(record(0), available_now());
-    EXPECT_EQ(nullptr, controller.image_at_sample.load());
 }
 
 TEST_F(Stream_test, StopAfterImageEndsTheScanAtTheFirstGoodFrame)
@@ -97,4 +93,5 @@ TEST_F(Stream_test, StartingExposureCarriesTheLastContrast)
     ASSERT_TRUE(stream->start_scanning(lights, exposure, false));
     EXPECT_NE(std::string::npos,
               calls().find("change_lights(3) set_starting_exposure_gain(777) set_starting_exposure_gain "));
+    EXPECT_EQ(1000u, vsensor().get_lock()->get_contrast());  // the base trait ignores the previous one
 }

@@ -27,9 +27,6 @@
 #include "test_scope.h"
 
 class Stream_test : public ::testing::Test {
-public:
-    typedef std::vector<std::string> Calls;
-
 protected:
     static constexpr unsigned int width = 8;
     static constexpr unsigned int height = 12;
@@ -162,7 +159,7 @@ protected:
         ScanBufferInfo* records = vlocker().get_buffer_ary(n);
         for (size_t i = 0; i < n; ++i)
             EXPECT_TRUE(records[i].lock_cnt == 0 && records[i].owner == ScanBufferInfo::NONE) << i;
-        const Calls log = hwl.log.entries();
+        const std::vector<std::string> log = hwl.log.entries();
         for (const auto& b : hwl.buffers) {
             const std::string h = "(" + std::to_string(b.handle) + ")";
             long touched = -1, released = -1;

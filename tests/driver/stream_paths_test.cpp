@@ -17,9 +17,8 @@ TEST_F(Stream_test, ScanResumesWhenTheClientFreesABuffer)
     ASSERT_TRUE(client_lock(1));
     ASSERT_TRUE(client_lock(2));
     calls();
-    // Every buffer is with the client: a waiting client gives up at once and
-    // no capture can be armed, so nothing is triggered.
-    EXPECT_EQ(nullptr, vavailable().get_available(true));
+    // Every buffer is with the client: no capture can be armed, so nothing
+    // is triggered.
     stream->buffer_free();
     EXPECT_EQ("", calls());
 
@@ -110,9 +109,12 @@ TEST_F(Stream_test, UnconfirmedStopIsEndedByTheStallAlarm)
     hwl.request_stop_result = false;
     start(0);
     EXPECT_TRUE(stream->stop_scanning());
+    // Retries only while the scan still ran (a slow machine may let the
+    // first one in before the stop); a stopping scan never retries.
+    const size_t retries = hwl.log.count_prefix("check_stall");
     EXPECT_TRUE(stream->wait_for_stop_scanning(2000));
     EXPECT_EQ(IStream_driver::STOPPED, state());
-    EXPECT_EQ(0u, hwl.log.count_prefix("check_stall"));
+    EXPECT_EQ(retries, hwl.log.count_prefix("check_stall"));
     EXPECT_EQ(0u, vstream().get_lock()->get_pending_captures());
     void* context = nullptr;
     trait.take_pending_stop(context);  // the hardware never confirms
@@ -135,18 +137,6 @@ TEST_F(Stream_test, RefusedTransitions)
     EXPECT_EQ(1u, Output_capture::count("scan_state() != SCANNING @ jni/../Stream_driver"));
 }
 
-namespace {
-
-size_t count_of(const std::string& text, const std::string& word)
-{
-    size_t n = 0;
-    for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1))
-        ++n;
-    return n;
-}
-
-}  // namespace
-
 TEST_F(Stream_test, StallBeforeTheFirstFrameRetriesThreeTimes)
 {
     trait.resume_ms = 5;
@@ -159,10 +149,10 @@ TEST_F(Stream_test, StallBeforeTheFirstFrameRetriesThreeTimes)
     // the tail of everything since the start.
     const std::string retries = "check_stall(2) trigger_off trigger_on check_stall(1) trigger_off trigger_on "
                                 "check_stall(0) trigger_off trigger_on";
+    EXPECT_EQ(3u, hwl.log.count_prefix("check_stall"));
     const std::string log = calls();
     ASSERT_GE(log.size(), retries.size()) << log;
     EXPECT_EQ(retries, log.substr(log.size() - retries.size()));
-    EXPECT_EQ(3u, count_of(log, "check_stall")) << log;
     ASSERT_EQ(std::future_status::ready, waiting.wait_for(std::chrono::seconds(10)));
     EXPECT_EQ(nullptr, waiting.get());
     EXPECT_EQ(IStream_driver::SCANNING, state());  // until the session stops it
@@ -174,9 +164,8 @@ TEST_F(Stream_test, StallBeforeTheFirstFrameRetriesThreeTimes)
     hwl.log.clear();
     ASSERT_TRUE(stream->start_scanning(lights, exposure, false));
     ASSERT_TRUE(wait_until([this] { return stalled(); }));
-    const std::string second = calls();
-    EXPECT_EQ(1u, count_of(second, "check_stall")) << second;
-    EXPECT_NE(std::string::npos, second.find("check_stall(2)")) << second;
+    EXPECT_EQ(1u, hwl.log.count_prefix("check_stall"));
+    EXPECT_EQ(1u, hwl.log.count("check_stall(2)"));
 }
 
 // After a frame the stall alarm is 2000 ms away, and the first stall ends
@@ -194,7 +183,11 @@ TEST_F(Stream_test, StallAfterFramesHaveFlowedIsImmediate)
     EXPECT_TRUE(client_unlock(got));
 }
 
-TEST_F(Stream_test, VsyncWhileStoppedOrWithoutBuffer)
+// Frame events the driver must tolerate: while stopped, without a buffer
+// (modes 6 and 7 still arm the next capture and trigger once), with an
+// unknown handle (reported, returned, the armed buffer kept), and a frame
+// whose last rows were never written (delivered all the same).
+TEST_F(Stream_test, VsyncWhileStoppedWithoutBufferOrUnknown)
 {
     make_stream(0);
     hwl.log.clear();
@@ -207,30 +200,22 @@ TEST_F(Stream_test, VsyncWhileStoppedOrWithoutBuffer)
     vsync(0);
     EXPECT_EQ("vsync(0)", calls());
     EXPECT_EQ(nullptr, available_now());
-
-    stop_and_drain();
-    start(7);  // modes 6 and 7 still arm the next capture and trigger once
-    calls();
-    vsync(0);
-    EXPECT_EQ("vsync(0) init_capture(102) trigger_once", calls());
-    EXPECT_EQ(nullptr, available_now());
-    EXPECT_EQ(0u, Output_capture::count("Assertion"));
-}
-
-TEST_F(Stream_test, VsyncWithAnUnknownHandleIsReportedAndReturned)
-{
-    start(0);
-    calls();
     vsync(999);
     EXPECT_EQ("vsync(999) ReleaseBuffer(999)", calls());
     EXPECT_EQ(1u, Output_capture::count("Assertion: p_info @ jni/../Stream_driver"));
     EXPECT_EQ(record(0), vstream().get_lock()->filling());
     EXPECT_EQ(1u, vstream().get_lock()->get_pending_captures());
-
-    // A frame whose last rows were never written is delivered all the same.
     memset(hwl.frame(0), 0x33, width * 5);
     vsync(101);
     EXPECT_EQ(record(0), available_now());
+    EXPECT_TRUE(client_unlock(client_take()));
+
+    stop_and_drain();
+    start(7);
+    calls();
+    vsync(0);
+    EXPECT_EQ("vsync(0) init_capture(102) trigger_once", calls());
+    EXPECT_EQ(nullptr, available_now());
     EXPECT_EQ(1u, Output_capture::count("Assertion"));
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "Exposure_controller.h"
@@ -35,32 +36,24 @@ void run_frame(Exposure_controller_base& c, const std::vector<uint8_t>& img, uns
 
 } // namespace
 
-TEST(ExposureController, FixedModesReadNoPixel)
+TEST(ExposureController, FixedModesReadNoPixelHistogramModeFollowsMethodAndPercentile)
 {
     auto c = std::make_unique<Controller>();
-    const std::vector<uint8_t> img(640 * 480, 200);
+    std::vector<uint8_t> img(640 * 480, 20);
+    std::fill(img.begin() + 640 * 240, img.end(), 220); // bright lower half
     for (uint32_t mode : {0u, 1u}) {
         c->settings.mode = mode;
         run_frame(*c, img, 640, 480);
         EXPECT_EQ(c->sample_wv(), 0u);
         EXPECT_EQ(c->ae_sampler.image, nullptr);
         EXPECT_EQ(c->cs_sampler.image, nullptr);
-        EXPECT_EQ(c->ae_sampler.accumulator.n_pixels, 0u);
-        EXPECT_EQ(c->cs_sampler.accumulator.n_buffered, 0u);
+        EXPECT_EQ(c->ae_sampler.accumulator.n_pixels + c->cs_sampler.accumulator.n_buffered, 0u);
     }
-}
-
-TEST(ExposureController, HistogramModeFollowsMethodAndPercentile)
-{
-    auto c = std::make_unique<Controller>();
-    std::vector<uint8_t> img(640 * 480, 20);
-    std::fill(img.begin() + 640 * 240, img.end(), 220); // bright lower half
     c->settings.mode = 2;
-    const unsigned pixels[] = {280, 280, 560};
-    for (uint32_t method : {0u, 1u, 7u}) {
+    for (auto [method, pixels] : {std::pair{0u, 280u}, {1u, 280u}, {7u, 560u}}) {
         c->settings.exposure_method = method;
         run_frame(*c, img, 640, 480);
-        EXPECT_EQ(c->ae_sampler.accumulator.n_pixels, pixels[method < 2 ? method : 2]) << method;
+        EXPECT_EQ(c->ae_sampler.accumulator.n_pixels, pixels) << method;
         EXPECT_EQ(c->cs_sampler.accumulator.n_buffered, 0u);
     }
     c->settings.target_percentile = 97;
@@ -74,6 +67,10 @@ TEST(ExposureController, ContextSensitiveEvaluation)
     auto c = std::make_unique<Controller>();
     c->settings.mode = 3;
     auto& acc = c->cs_sampler.accumulator;
+    auto feed = [&](uint32_t w, int times) {
+        for (int i = 0; i < times; ++i)
+            acc.accumulate(w);
+    };
 
     c->sample_reset(640, 480);
     EXPECT_EQ(c->sample_wv(), 0u); // nothing buffered
@@ -82,10 +79,8 @@ TEST(ExposureController, ContextSensitiveEvaluation)
 
     // Differences 190 and 0 give the threshold 38; a difference of 38 is not
     // an edge. Twelve edge pairs of mean 105: the white value is their mean.
-    for (int i = 0; i < 3; ++i)
-        acc.accumulate(word(10, 200, 10, 200));
-    for (int i = 0; i < 5; ++i)
-        acc.accumulate(word(50, 50, 50, 50));
+    feed(word(10, 200, 10, 200), 3);
+    feed(word(50, 50, 50, 50), 5);
     acc.accumulate(word(0, 38, 0, 38));
     EXPECT_EQ(c->sample_wv(), 105u);
     EXPECT_EQ(acc.edge_count, 12u);
@@ -93,10 +88,8 @@ TEST(ExposureController, ContextSensitiveEvaluation)
 
     // Eight edge pairs: the mean of all 48 pair means, (8*105 + 40*50) / 48.
     c->sample_reset(640, 480);
-    for (int i = 0; i < 2; ++i)
-        acc.accumulate(word(10, 200, 10, 200));
-    for (int i = 0; i < 10; ++i)
-        acc.accumulate(word(50, 50, 50, 50));
+    feed(word(10, 200, 10, 200), 2);
+    feed(word(50, 50, 50, 50), 10);
     EXPECT_EQ(c->sample_wv(), 59u);
     EXPECT_EQ(acc.edge_count, 8u);
     EXPECT_EQ(acc.edge_strength, 15200u);

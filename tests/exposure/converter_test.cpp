@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "Contrast_step.h"
 #include "Exposure_controller.h"
@@ -26,33 +27,22 @@ struct Counting_trait {
 
 TEST(ExposureRules, RoundingAndLimits)
 {
-    EXPECT_EQ(rows_x5501(0), 1u);
-    EXPECT_EQ(rows_x5501(30480), 1695u);
-    EXPECT_EQ(rows_x5501(44739215), 2488392u); // the product still fits 32 bits
-    EXPECT_EQ(rows_x5501(44739216), 0xFFFFFFFFu);
-
-    EXPECT_EQ(rows_kelp(37), 2u);
-    EXPECT_EQ(rows_kelp(89478448), 41501u); // kept to 16 bits
-    EXPECT_EQ(rows_kelp(89478449), 65535u);
-
-    EXPECT_EQ(rows_rilo(0), 1u);
-    EXPECT_EQ(rows_rilo(1), 2u);
-    EXPECT_EQ(rows_rilo(0xAAAAAA), 0xFFFFFFu);
-    EXPECT_EQ(rows_rilo(0xAAAAAB), 0xFFFFFFu);
-
-    EXPECT_EQ(rows_mt9v022(35), 1u);
-    EXPECT_EQ(rows_mt9v022(53), 2u);
-    EXPECT_EQ(rows_mt9v022(60000), 1702u);
-
-    EXPECT_EQ(rows_aptina(1000, 20000), 50u);
-    EXPECT_EQ(rows_aptina(1000, 30000), 33u);
-    EXPECT_EQ(rows_aptina(0, 0), 1u);
-    EXPECT_EQ(rows_aptina(1000, 0), 0xFFFFFFFFu);
-
-    EXPECT_EQ(rows_ar0144(1000, 20), 50u);
-    EXPECT_EQ(rows_ar0144(5000000, 1), 19264u); // 5000000 & 0xFFFF
-    EXPECT_EQ(rows_ar0144(65536, 1), 1u);
-    EXPECT_EQ(rows_ar0144(1000, 0), 1u);
+    struct Case {
+        uint32_t rows, expected;
+    };
+    const Case cases[] = {
+        {rows_x5501(0), 1}, {rows_x5501(30480), 1695}, {rows_x5501(44739215), 2488392}, // the product still fits 32 bits
+        {rows_x5501(44739216), 0xFFFFFFFF},
+        {rows_kelp(37), 2}, {rows_kelp(89478448), 41501}, {rows_kelp(89478449), 65535}, // kept to 16 bits
+        {rows_rilo(0), 1}, {rows_rilo(1), 2}, {rows_rilo(0xAAAAAA), 0xFFFFFF}, {rows_rilo(0xAAAAAB), 0xFFFFFF},
+        {rows_mt9v022(35), 1}, {rows_mt9v022(53), 2}, {rows_mt9v022(60000), 1702},
+        {rows_aptina(1000, 20000), 50}, {rows_aptina(1000, 30000), 33}, {rows_aptina(0, 0), 1},
+        {rows_aptina(1000, 0), 0xFFFFFFFF},
+        {rows_ar0144(1000, 20), 50}, {rows_ar0144(5000000, 1), 19264}, // 5000000 & 0xFFFF
+        {rows_ar0144(65536, 1), 1}, {rows_ar0144(1000, 0), 1},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i)
+        EXPECT_EQ(cases[i].rows, cases[i].expected) << "case " << i;
 }
 
 TEST(ExposureConverter, FollowsSettingsAndCacheModes)
@@ -109,23 +99,20 @@ TEST(ContrastStep, UpwardStepLimitedToFourFold)
 TEST(HistoryQueue, AgesValuesAndReportsBadIndexes)
 {
     history_queue<unsigned> q(3);
-    q.newest() = 1;
-    q.advance();
-    q.newest() = 2;
-    q.advance();
-    q.newest() = 3;
-    EXPECT_EQ(q.at(0), 3u);
-    EXPECT_EQ(q.at(1), 2u);
-    EXPECT_EQ(q.at(2), 1u);
+    auto ages = [&] { return std::vector<unsigned>{q.at(0), q.at(1), q.at(2)}; };
+    for (unsigned v : {1u, 2u, 3u}) {
+        q.newest() = v;
+        if (v < 3)
+            q.advance();
+    }
+    EXPECT_EQ(ages(), (std::vector<unsigned>{3, 2, 1}));
     q.advance();
     EXPECT_EQ(q.at(2), 2u); // 1 dropped
 
     q.newest() = 9;
     for (int i = 0; i < 3; ++i)
         q.advance();
-    EXPECT_EQ(q.at(0), 9u);
-    EXPECT_EQ(q.at(1), 9u);
-    EXPECT_EQ(q.at(2), 9u);
+    EXPECT_EQ(ages(), (std::vector<unsigned>{9, 9, 9}));
 
     Output_capture capture;
     const char* file = "jni/../../lib/include/history_queue";

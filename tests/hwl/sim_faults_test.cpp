@@ -126,8 +126,7 @@ TEST(SimFaults, StallAfterFramesAndTheDriversRecovery)
     ASSERT_TRUE(hwl.InitCapture(H0));
     EXPECT_EQ(0u, sim->step(1, 30));
     EXPECT_TRUE(sim->stalled());
-    uint16_t status = read16(hwl, 0x303C);
-    EXPECT_EQ(0x0008, status & 0x000A) << "streaming with the PLL locked";
+    EXPECT_EQ(0x0008, read16(hwl, 0x303C) & 0x000A) << "streaming with the PLL locked";
     uint16_t frames = read16(hwl, 0x303A);
     EXPECT_EQ(0x0100, read16(hwl, 0x306A));
     ASSERT_TRUE(write16(hwl, 0x301A, 0x30DC));
@@ -164,43 +163,34 @@ TEST(SimFaults, FirstFrameDelay)
 
 namespace {
 
-struct Rearm {
-    IHwl* hwl;
-    static void vsync(int handle, void* self)
-    {
-        IHwl* hwl = static_cast<Rearm*>(self)->hwl;
-        hwl->ReleaseBuffer(handle);
-        hwl->InitCapture(handle);
-    }
-};
-
-// Median gap between consecutive frames in real time, in microseconds.
-uint64_t median_gap_us(const char* faults)
+// Median gap between consecutive frames in real time, in microseconds, with
+// all four buffers armed at once.
+uint64_t median_period_us(const char* faults)
 {
     vqxsim::Config c;
     c.fps = 50;
     c.render = vqxsim::Render_mode::none;
     EXPECT_TRUE(c.faults.parse(faults, nullptr));
     auto sim = make_sim(c);
-    Vsync_log unused;
-    start_streaming(*sim->hwl(), unused);
-    Rearm rearm{sim->hwl()};
-    sim->hwl()->RegisterVsyncNotification(&Rearm::vsync, &rearm);
-    sim->hwl()->InitCapture(H0);
-    EXPECT_EQ(7u, sim->step(7, 3000));
+    Vsync_log log;
+    start_streaming(*sim->hwl(), log);
+    for (int i = 0; i < 4; ++i)
+        sim->hwl()->InitCapture(H0 + i);
+    EXPECT_EQ(4u, sim->step(4, 3000));
     sim->shutdown();
-    std::vector<vqxsim::Frame_record> f = sim->frames();
-    std::vector<uint64_t> gaps;
-    for (size_t i = 1; i < f.size(); ++i)
-        gaps.push_back(f[i].time_us - f[i - 1].time_us);
-    std::sort(gaps.begin(), gaps.end());
-    return gaps.empty() ? 0 : gaps[gaps.size() / 2];
+    std::vector<uint64_t> periods;
+    for (const vqxsim::Frame_record& f : sim->frames())
+        periods.push_back(f.period_us);
+    std::sort(periods.begin(), periods.end());
+    return periods.empty() ? 0 : periods[periods.size() / 2];
 }
 
 }  // namespace
 
 TEST(SimFaults, StormRunsFramesTenTimesFaster)
 {
-    EXPECT_GE(median_gap_us(""), 15000u) << "50 frames a second";
-    EXPECT_LT(median_gap_us("storm"), 12000u);
+    // The frame timing the sensor ran at, not the wall clock (a loaded
+    // machine stretches the gaps).
+    EXPECT_GE(median_period_us(""), 15000u) << "50 frames a second";
+    EXPECT_LT(median_period_us("storm"), 3000u);
 }

@@ -53,6 +53,12 @@ inline std::unique_ptr<vqxsim::Simulator> make_sim(const vqxsim::Config& c)
     return sim;
 }
 
+inline IHwl::Image_buffer_pointers* buffers(IHwl& hwl)
+{
+    uint64_t n = 0;
+    return hwl.GetImageBuffers(n);
+}
+
 inline bool write16(IHwl& hwl, unsigned address, uint16_t value) { return hwl.WriteReg(address, &value, 2); }
 
 inline uint16_t read16(IHwl& hwl, unsigned address)
@@ -82,8 +88,7 @@ inline void start_streaming(IHwl& hwl, Vsync_log& log, uint16_t rows = 50, uint1
 /// Arms buffer @p index and steps one frame; returns the frame's image.
 inline const unsigned char* capture(vqxsim::Simulator& sim, unsigned index = 0)
 {
-    uint64_t n = 0;
-    IHwl::Image_buffer_pointers* b = sim.hwl()->GetImageBuffers(n);
+    IHwl::Image_buffer_pointers* b = buffers(*sim.hwl());
     EXPECT_TRUE(sim.hwl()->InitCapture(b[index].handle));
     EXPECT_EQ(1u, sim.step(1));
     return b[index].image;

@@ -129,10 +129,9 @@ TEST(SimAR0144, ExposureAndGainTakeEffectTwoFramesAfterTheWrite)
     std::vector<vqxsim::Frame_record> f = sim->frames();
     ASSERT_EQ(4u, f.size());
     for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(uint64_t(i + 1), f[i].number);
-        EXPECT_EQ(40u, f[i].rows) << "frame " << i + 1;
-        EXPECT_DOUBLE_EQ(800.0, f[i].exposure_us);
-        EXPECT_DOUBLE_EQ(1.0, f[i].gain);
+        SCOPED_TRACE(i + 1);
+        EXPECT_EQ((std::vector<uint64_t>{uint64_t(i + 1), 40}), (std::vector<uint64_t>{f[i].number, f[i].rows}));
+        EXPECT_TRUE(f[i].exposure_us == 800.0 && f[i].gain == 1.0) << f[i].exposure_us << " us x" << f[i].gain;
     }
     EXPECT_EQ(90u, f[3].rows);
     EXPECT_EQ(20.0, f[3].line_time_us);
@@ -232,8 +231,7 @@ TEST(SimRender, OrientationReadModeAndPictureScenes)
         out << "P5\n# test\n64 40\n255\n";
         out.write(reinterpret_cast<const char*>(pixels.data()), std::streamsize(pixels.size()));
     }
-    png_image image;
-    std::memset(&image, 0, sizeof image);
+    png_image image{};
     image.version = PNG_IMAGE_VERSION;
     image.width = 64;
     image.height = 40;
