@@ -17,9 +17,15 @@ struct Recording_accumulator {
 using Recording_sampler = Pixel_sampler<Recording_accumulator, Pix_watch_noop>;
 
 enum Pattern { UNIFORM = 1, CENTRE = 2, WEIGHTED = 3 };
-void (Recording_sampler::*const kSample[])(unsigned) = {nullptr, &Recording_sampler::uniform_sample,
-                                                       &Recording_sampler::center_sample,
-                                                       &Recording_sampler::center_weight_sample};
+void sample(Recording_sampler& s, int pattern, unsigned rows)
+{
+    if (pattern == UNIFORM)
+        s.uniform_sample(rows);
+    else if (pattern == CENTRE)
+        s.center_sample(rows);
+    else
+        s.center_weight_sample(rows);
+}
 
 std::vector<uint8_t> make_image(unsigned w, unsigned h)
 {
@@ -80,7 +86,7 @@ TEST(PixelSampler, GridsMatchReferenceInOneCallAndInStripsAndSkipNullImage)
             Recording_sampler s;
             s.reset(sz.w, sz.h);
             s.image = img.data();
-            (s.*kSample[pattern])(sz.h);
+            sample(s, pattern, sz.h);
             EXPECT_EQ(s.accumulator.words, expected);
             EXPECT_EQ(s.next_row, sz.h);
 
@@ -89,9 +95,9 @@ TEST(PixelSampler, GridsMatchReferenceInOneCallAndInStripsAndSkipNullImage)
             s.image = img.data();
             for (unsigned rows : {1u, 1u, 0u, 17u, 32u, 33u, 33u, 95u, 191u, 300u, 500u})
                 if (rows < sz.h)
-                    (s.*kSample[pattern])(rows);
-            (s.*kSample[pattern])(sz.h);
-            (s.*kSample[pattern])(sz.h);
+                    sample(s, pattern, rows);
+            sample(s, pattern, sz.h);
+            sample(s, pattern, sz.h);
             EXPECT_EQ(s.accumulator.words, expected);
         }
     }
