@@ -19,6 +19,8 @@
 #include <mutex>
 #include <thread>
 
+#include <benchmark/benchmark.h>
+
 #include <VQXScanInterface.h>
 
 #include "Bench_hwl.h"
@@ -94,6 +96,19 @@ inline VQXSI_HANDLE open_session()
         std::exit(2);
     }
     return h;
+}
+
+/// The body of every driver benchmark program's main: the idle thread, then
+/// Google Benchmark with the command line. Returns the exit status.
+inline int run_benchmarks(int argc, char** argv)
+{
+    start_idle_thread();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
 }
 
 } // namespace bench

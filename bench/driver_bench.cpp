@@ -223,11 +223,5 @@ BENCHMARK(BM_StartLatency_Driver)->UseManualTime()->Unit(benchmark::kMicrosecond
 
 int main(int argc, char** argv)
 {
-    bench::start_idle_thread();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::run_benchmarks(argc, argv);
 }

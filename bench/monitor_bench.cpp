@@ -111,11 +111,5 @@ BENCHMARK(BM_Contended_Pthread)->Threads(2)->UseRealTime();
 
 int main(int argc, char** argv)
 {
-    bench::start_idle_thread();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::run_benchmarks(argc, argv);
 }
