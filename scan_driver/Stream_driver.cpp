@@ -104,11 +104,14 @@ void Stream_driver::set_scan_state(Scan_state_t s)
 
 void Stream_driver::stamp_time(const char* format)
 {
-    stamp_time(format, MT_GetTickCount());
+    if (silent_trace_enabled)
+        stamp_time(format, MT_GetTickCount());
 }
 
 void Stream_driver::stamp_time(const char* format, unsigned int tick)
 {
+    if (!silent_trace_enabled)
+        return;  // the stamp would only feed the silent channel
     mutex->wait(MT_INFINITE);
     snprintf(time_stamp, sizeof time_stamp, "%u.%03u", tick / 1000, tick % 1000);
     silent_trace(format, time_stamp);

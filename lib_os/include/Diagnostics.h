@@ -55,6 +55,9 @@ void sd_assert_function(const char* expr, const char* file, unsigned int line);
 /// The silent trace channel: accepts a trace text and outputs nothing.
 inline void silent_trace(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 inline void silent_trace(const char*, ...) {}
+/// False while the silent channel outputs nothing: code that prepares text
+/// only for it (time stamps on the frame path) skips that work.
+constexpr bool silent_trace_enabled = false;
 
 /// Abstract sink that receives finished lines of text.
 class Lineout {
