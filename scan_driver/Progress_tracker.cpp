@@ -33,8 +33,9 @@ Progress_tracker::Progress_tracker() : row_step(4), tracking{nullptr, nullptr}, 
 // so every marker access is atomic. The hardware writes each row's first
 // 4-byte word with a release store; check_pattern reads a marker as that
 // same aligned 4-byte word with an acquire load. Seeing a marker overwritten
-// thus also makes every row the hardware wrote before it visible, and the
-// exposure sampling may read those rows with plain loads. An unaligned
+// thus also makes every row the hardware wrote before it visible to the
+// exposure sampling (which reads pixels with relaxed atomic loads, since a
+// transfer that loses a frame may rewrite a buffer unannounced). An unaligned
 // marker (a row width that is not a multiple of 4) falls back to byte
 // accesses of the same order. Planting needs no ordering of its own: the
 // buffer was handed over to the hardware under its lock.

@@ -350,10 +350,14 @@ void Stream_driver::vsync_notify(int buffer)
                      static_cast<unsigned>(__LINE__));
     notify();
     const bool out_of_order = completed->pointers.handle != buffer;
-    // An event naming the buffer armed next (a late duplicate): that buffer
-    // now waits for the client, so it is no longer one being filled.
-    if (out_of_order && pPrefill != nullptr && pPrefill->pointers.handle == buffer)
+    // An event naming the buffer armed next (a late duplicate, a frame
+    // announced late): that buffer now waits for the client, so it is no
+    // longer one being filled, nor tracked (a stale tracked buffer would
+    // keep the tracker from marking the buffers armed after it).
+    if (out_of_order && pPrefill != nullptr && pPrefill->pointers.handle == buffer) {
+        the_scan_driver->progress_tracker->stop_tracking(pPrefill);
         pPrefill = nullptr;
+    }
     pFilling = pPrefill;
     pPrefill = nullptr;
     notify();

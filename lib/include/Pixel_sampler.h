@@ -51,10 +51,23 @@ public:
 };
 
 /// Four pixels at @p p as one little-endian word.
+///
+/// The transfer hardware may still be writing the buffer: capture modes 1 to
+/// 3 sample a frame while it arrives, and a transfer that loses a frame
+/// writes the next one into the same buffer without the driver arming it
+/// again. So the pixels are read with relaxed atomic loads (one load for an
+/// aligned word, byte loads otherwise): a pixel caught while it is written is
+/// merely old, never undefined. On the usual targets these are plain loads.
 inline uint32_t load_pixel_word(const unsigned char* p)
 {
     unsigned char b[4];
-    std::memcpy(b, p, sizeof b);
+    if (reinterpret_cast<uintptr_t>(p) % alignof(uint32_t) == 0) {
+        const uint32_t word = __atomic_load_n(reinterpret_cast<const uint32_t*>(p), __ATOMIC_RELAXED);
+        std::memcpy(b, &word, sizeof b);
+    } else {
+        for (size_t i = 0; i < sizeof b; ++i)
+            b[i] = __atomic_load_n(p + i, __ATOMIC_RELAXED);
+    }
     return uint32_t(b[0]) | uint32_t(b[1]) << 8 | uint32_t(b[2]) << 16 | uint32_t(b[3]) << 24;
 }
 

@@ -245,6 +245,7 @@ TEST_F(Stream_test, VsyncOutOfOrderReleasesTheBufferBeingFilled)
     EXPECT_EQ(nullptr, vstream().get_lock()->filling());
     EXPECT_EQ(nullptr, vstream().get_lock()->prefill());
     EXPECT_EQ(0u, vstream().get_lock()->get_pending_captures());
+    EXPECT_EQ(0u, tracker.tracked());
     EXPECT_EQ(0u, record(0)->lock_cnt);
     EXPECT_EQ(1u, hwl.log.count("ReleaseBuffer(101)"));
     // The frame goes to the client and comes back; the scan goes on.
