@@ -61,6 +61,8 @@ constexpr unsigned STANDBY_DELAY_MS = 24;
 constexpr unsigned TRIGGER_ONCE_MS = 30;
 constexpr unsigned MAX_RESUME_MS = 150;
 constexpr unsigned HISTORY_SIZE = 4;
+constexpr unsigned SATURATED_WHITE = 255;
+constexpr unsigned SATURATED_STEP = 8;
 constexpr unsigned HISTORY_FILL = 4;
 constexpr uint8_t MAX_BOOST = 2;
 
@@ -160,12 +162,6 @@ uint32_t AR0144_trait::engine_variant() const
 uint32_t AR0144_trait::engine_orientation() const
 {
     return the_scan_driver->config.engine_variant >> 16;
-}
-
-int AR0144_trait::delivered_slot() const
-{
-    const uint32_t mode = the_scan_driver->config.capture_mode;
-    return mode >= 1 && mode <= 3 ? 2 : 3;
 }
 
 bool AR0144_trait::power_up_init()
@@ -346,10 +342,10 @@ bool AR0144_trait::start_streaming()
         return false;
     const bool streaming = power_state == POWER_STREAMING && (mode & 1);
     if (!streaming) {
-        for (unsigned i = 0; i < HISTORY_FILL; ++i) {
-            exposure_history.advance();
-            gain_history.advance();
-        }
+        advance_history(HISTORY_FILL);
+        uint16_t count = 0;
+        frame_count_known = read_reg(REG_FRAME_COUNT, count);
+        last_frame_count = count;
     }
     const bool ok = write_reg(REG_RESET, engine_variant() != 0 ? RESET_STREAM_SERIAL : RESET_STREAM_PARALLEL);
     if (ok)
@@ -542,19 +538,47 @@ bool AR0144_trait::update_contrast(unsigned int white, unsigned int contrast, un
     if (s.mode < 2)
         return program_fixed(new_contrast);
     unsigned rows = 1, gain = 0;
-    split_contrast(shared_contrast_step(white, contrast, s), rows, gain);
+    split_contrast(contrast_step(white, contrast, s), rows, gain);
     const bool ok = set_exposure_gain(rows, gain);
     new_contrast = exposure_history.newest() * gain_history.newest();
     return ok;
 }
 
+unsigned AR0144_trait::contrast_step(unsigned white, unsigned contrast, const Exposure_settings& s)
+{
+    // A saturated white value says only that the frame is too bright by some
+    // unknown factor of at least 255 / target: step down eight-fold, not by
+    // that lower bound, so that a scene many times too bright settles in two
+    // updates instead of four or more.
+    if (white >= SATURATED_WHITE && s.target_value < SATURATED_WHITE)
+        return std::max(contrast / SATURATED_STEP, 1u);
+    return shared_contrast_step(white, contrast, s);
+}
+
+void AR0144_trait::advance_history(unsigned frames)
+{
+    for (unsigned i = 0; i < frames; ++i) {
+        exposure_history.advance();
+        gain_history.advance();
+    }
+}
+
 void AR0144_trait::exposure_frame()
 {
-    exposure_history.advance();
-    gain_history.advance();
-    const int slot = delivered_slot();
-    exposure_now = exposure_history.at(slot);
-    gain_now = gain_history.at(slot);
+    // Sensor frames since the last call, from the frame counter: frames the
+    // driver never saw (no buffer armed, dropped by the transfer) still
+    // moved the sensor's pipeline. A repeated call for the same frame moves
+    // nothing. Without a counter reading, one frame.
+    uint16_t count = 0;
+    const bool counted = read_reg(REG_FRAME_COUNT, count);
+    unsigned frames = 1;
+    if (counted && frame_count_known)
+        frames = std::min<unsigned>(static_cast<uint16_t>(count - last_frame_count), HISTORY_SIZE);
+    frame_count_known = counted;
+    last_frame_count = count;
+    advance_history(frames);
+    exposure_now = exposure_history.at(DELIVERED_SLOT);
+    gain_now = gain_history.at(DELIVERED_SLOT);
     contrast_now = exposure_now * gain_now;
 }
 

@@ -27,24 +27,34 @@
 // parallel one (0x30DC).
 //
 // Frame latency and the exposure history. The AR0144 applies exposure and
-// gain two frames after the frame during which they are written, and the
-// values in its registers when streaming starts apply to the first frames
-// at once. Frame k is the k-th frame delivered since streaming started.
-// The driver programs the sensor at one of two points of frame k: in
-// capture modes 1 to 3 at the inter-frame point, while frame k is still
-// being read out (the write shapes frame k+2); in the other modes in the
-// frame callback, after frame k has ended, i.e. while frame k+1 is under
-// way (the write shapes frame k+3). The exposure and gain histories hold
-// four entries: the newest is what is being programmed now, and
-// exposure_frame(), called once per frame at that programming point and
-// before the frame's attributes are filled, advances them; element 2
-// (capture modes 1 to 3) or element 3 (other modes) is then what the frame
-// just delivered was taken with, and current_exposure(), current_gain()
-// and current_contrast() report it. trigger_on pushes the newest entry four
-// times when streaming starts, so the first frames report the starting
-// setting. The histories record what the registers really hold after
-// clamping and gain quantisation (never the unclamped request). The capture
-// mode is read from `the_scan_driver->config` like the engine variant.
+// gain two frames after the frame during which they are written: a frame's
+// period runs from the start of its readout to the start of the next
+// frame's, and a write made in frame k's period (while k is read out, in
+// its frame callback, or between frames) shapes frame k+2. The values in
+// the registers when streaming starts apply to the first frames at once.
+// The driver programs the sensor once per frame at its programming point:
+// the inter-frame point (two thirds of frame k read out) in capture modes
+// 1 to 3, frame k's callback in the others; both lie in frame k's period,
+// and exposure_frame() runs there, before the frame's attributes are filled
+// and before the new values are written. The exposure and gain histories
+// step once per sensor frame: element 0 is what is being programmed in the
+// current period, element i what the registers held at the end of the
+// period i frames back. So frame k, whose values were written in period
+// k-2, was taken with element DELIVERED_SLOT (= the latency, 2) after
+// exposure_frame() has stepped the histories to frame k's period;
+// current_exposure(), current_gain() and current_contrast() report it.
+// exposure_frame() reads the sensor's frame counter (0x303A) and steps the
+// histories by the sensor frames since its last call, so frames the driver
+// never saw (no buffer armed, a frame dropped by the transfer) keep the
+// credit exact, and a second call for the same frame steps nothing; without
+// a counter reading it steps one frame. Limit: the counter is read at the
+// programming point, so a programming point that comes only after the next
+// frame has begun (a frame callback delayed by a whole frame period)
+// credits the delivered frame with the next frame's values. trigger_on
+// steps the histories four times and reads the counter when streaming
+// starts, so the first frames report the starting setting. The histories
+// record what the registers really hold after clamping and gain
+// quantisation (never the unclamped request).
 //
 // Decisions where the engine's behaviour was open:
 //  - Gain unit: 1/256 (256 = 1x), the unit of ES_MAX_GAIN, ES_FIXED_GAIN and
@@ -63,8 +73,17 @@
 //    sensor default) and is written with the rows as one 4-byte burst. The
 //    gain is written first, then the rows, back to back at the frame's
 //    programming point; no grouped parameter hold is used.
-//  - update_contrast, automatic modes (2 and above): the shared contrast
-//    step gives the wanted contrast c; the split favours exposure (less
+//  - update_contrast, automatic modes (2 and above): the wanted contrast c
+//    is the shared contrast step's (at most four-fold up, exactly
+//    contrast x target / white down), except from a saturated frame (white
+//    255, with a target below 255): the white value then bounds the
+//    brightness only from below, and the contrast drops eight-fold. A scene
+//    16 times too bright settles in two updates (eight-fold, then the exact
+//    step) instead of the four halvings the shared step would take. The
+//    step is computed from the contrast the measured frame was really taken
+//    with (current_contrast, above), so updates made while earlier ones are
+//    still in the sensor's pipeline aim at the same value and do not
+//    overshoot. The split favours exposure (less
 //    noise): rows = c / minimum gain (rounded) up to the row limit (the
 //    max_exposure converter's rows, at most 824), and only beyond that the
 //    gain rises, to c / rows, at most ES_MAX_GAIN (and 30x). Fixed modes (0
@@ -77,8 +96,9 @@
 //    from the given contrast (the one the previous scan ended with) split as
 //    in update_contrast; a contrast of 0 and the fixed modes behave like the
 //    one-argument form. Without a controller both fail and program nothing.
-//  - exposure_frame: advances both histories and takes element 2 or 3 (by
-//    capture mode, above) as the current exposure and gain.
+//  - exposure_frame: steps both histories by the sensor frames since its
+//    last call (above) and takes element DELIVERED_SLOT as the current
+//    exposure and gain.
 //  - Lights: the lights mode member holds the PSoC code of the lighting
 //    record's idle mode (what the engine shows between scans); the scanning
 //    mode's code is used while the scanning-initialised flag is set. With a
@@ -177,6 +197,13 @@ public:
     static uint16_t code_of_gain(unsigned gain);
     /// Largest coarse integration time in rows (frame length lines - 1).
     static constexpr unsigned max_rows = 824;
+    /// Frames from the period in which exposure and gain are written to the
+    /// frame they shape.
+    static constexpr int FRAME_LATENCY = 2;
+    /// The history element that the frame being delivered was taken with,
+    /// once exposure_frame() has stepped to its period (see the file
+    /// comment): the values written FRAME_LATENCY periods before.
+    static constexpr int DELIVERED_SLOT = FRAME_LATENCY;
 
     /// Builds the trait on @p hwl (not owned) with @p controller (not
     /// owned), powers the sensor up (state 2) and reads the PSoC.
@@ -236,7 +263,7 @@ public:
 private:
     uint32_t engine_variant() const;
     uint32_t engine_orientation() const;
-    int delivered_slot() const;
+    void advance_history(unsigned frames);
     bool call_aimer();
     bool write_table();
     bool write_shadows();
@@ -247,6 +274,7 @@ private:
     bool apply_lights(uint8_t code, uint8_t boost_level);
     void idle_streaming(uint8_t code);
     void split_contrast(unsigned contrast, unsigned& rows, unsigned& gain);
+    static unsigned contrast_step(unsigned white, unsigned contrast, const Exposure_settings& settings);
     bool program_fixed(unsigned& contrast);
     unsigned max_gain_setting() const;
 
@@ -255,6 +283,8 @@ private:
     unsigned contrast_now = 1;
     unsigned exposure_now = 1;
     unsigned gain_now = 1;
+    uint16_t last_frame_count = 0;    ///< 0x303A at the last programming point
+    bool frame_count_known = false;   ///< last_frame_count was read
     Controller* controller;
     Psoc psoc;
     uint8_t power_state = POWER_OFF;

@@ -24,9 +24,11 @@
 // Every other register is plain storage with power-on value 0.
 //
 // Exposure and gain (0x3012, 0x3014, 0x3060, 0x305E) take effect two frames
-// after they are written: a write made while frame N is under way (after
-// frame N-1 was produced) shapes frame N + 2. When streaming starts, the
-// values in the registers apply to the first frame at once.
+// after the frame during which they are written (frame latency 2): a write
+// made while frame N is read out, in its vsync callback or before frame N+1
+// begins shapes frame N + 2. The framework's Control_pipeline applies the
+// latency; when streaming starts, the values in the registers apply to the
+// first frames at once. Orientation changes act on the next frame.
 //
 // Where the public facts and the driver's own arithmetic differ, the model
 // follows the driver: the pixel clock is integer hertz and the line time is
@@ -115,18 +117,13 @@ public:
     void set_stalled(bool s) override { stalled = s; }
     bool streaming() const override
     { return (regs.word(RESET_REGISTER) & STREAM_BIT) != 0 || (regs.byte(MODE_SELECT) & 1) != 0; }
-    void stream_started() override { active = pending = live(); }
-    Frame_settings next_frame() override;
+    unsigned frame_latency() const override { return 2; }
+    Frame_settings controls() const override;
+    void begin_frame(Frame_settings& frame) override;
 
 private:
-    // The exposure and gain registers as one pipeline stage.
-    struct Exposure_stage {
-        uint16_t rows = 0, fine = 0, analog = 0, digital = 0;
-    };
-
     void power_on_values();
     void refresh_status();
-    Exposure_stage live() const;
     uint64_t pixel_clock_hz() const;
 
     Register_file regs;
@@ -134,8 +131,6 @@ private:
     bool standby = true;
     bool stalled = false;
     uint16_t frame_count = 0;
-    Exposure_stage active;   // applies to the next frame
-    Exposure_stage pending;  // applies to the frame after it
 };
 
 void Model_AR0144::power_on_values()
@@ -145,7 +140,6 @@ void Model_AR0144::power_on_values()
         regs.set_word(r.address, r.value);
     pll_locked = false;
     frame_count = 0;
-    active = pending = live();
 }
 
 void Model_AR0144::refresh_status()
@@ -202,46 +196,37 @@ uint16_t Model_AR0144::peek(unsigned address)
     return eight_bit ? regs.byte(address) : regs.word(address);
 }
 
-Model_AR0144::Exposure_stage Model_AR0144::live() const
-{
-    Exposure_stage s;
-    s.rows = regs.word(COARSE_INTEGRATION);
-    s.fine = regs.word(FINE_INTEGRATION);
-    s.analog = regs.word(ANALOG_GAIN);
-    s.digital = regs.word(DIGITAL_GAIN);
-    return s;
-}
-
 uint64_t Model_AR0144::pixel_clock_hz() const
 {
     uint64_t divisor = uint64_t(regs.word(PLL_PRE_DIV)) * regs.word(PLL_SYSTEM_DIV) * regs.word(PLL_PIXEL_DIV);
     return divisor == 0 ? 0 : regs.word(PLL_MULTIPLIER) * kReferenceHz / divisor;
 }
 
-Frame_settings Model_AR0144::next_frame()
+Frame_settings Model_AR0144::controls() const
 {
-    ++frame_count;
     Frame_settings f;
-    f.frame_count = frame_count;
-    f.rows = active.rows;
-    f.fine = active.fine;
+    f.rows = regs.word(COARSE_INTEGRATION);
+    f.fine = regs.word(FINE_INTEGRATION);
     uint64_t clock = pixel_clock_hz();
     uint64_t line_us = clock == 0 ? 0 : uint64_t(regs.word(LINE_LENGTH)) * 1000000 / clock;
     f.line_time_us = double(line_us);
     f.exposure_us = clock == 0 ? 0.0 : double(f.rows) * double(line_us) + double(f.fine) * 1e6 / double(clock);
-    unsigned coarse = (active.analog >> 4) & 7;
-    unsigned fine_gain = active.analog & 0xF;
-    f.analog_code = active.analog;
+    f.analog_code = regs.word(ANALOG_GAIN);
+    unsigned coarse = (f.analog_code >> 4) & 7;
+    unsigned fine_gain = f.analog_code & 0xF;
     f.analog_gain = double(1u << coarse) * 32.0 / double(32 - fine_gain);
-    f.digital_code = active.digital;
-    f.digital_gain = double(active.digital) / 128.0;
+    f.digital_code = regs.word(DIGITAL_GAIN);
+    f.digital_gain = double(f.digital_code) / 128.0;
+    return f;
+}
+
+void Model_AR0144::begin_frame(Frame_settings& f)
+{
+    f.frame_count = ++frame_count;
     uint16_t read_mode = regs.word(READ_MODE);
     uint8_t orientation = regs.byte(IMAGE_ORIENTATION);
     f.vflip = (((read_mode >> 15) ^ (orientation >> 1)) & 1) != 0;
     f.hflip = (((read_mode >> 14) ^ orientation) & 1) != 0;
-    active = pending;
-    pending = live();
-    return f;
 }
 
 }  // namespace

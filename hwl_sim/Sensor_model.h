@@ -98,11 +98,17 @@ public:
     /// A stalled transfer shows in the status registers.
     virtual void set_stalled(bool stalled) = 0;
     virtual bool streaming() const = 0;
-    /// Streaming (re)started: the settings in the registers now apply at once.
-    virtual void stream_started() = 0;
-    /// One sensor frame: advances the frame counter and the exposure
-    /// pipeline and returns what this frame uses.
-    virtual Frame_settings next_frame() = 0;
+    /// Frames between a control write and the frame it shapes: a write of
+    /// exposure or gain made during sensor frame k's period shapes frame
+    /// k + frame_latency() (see Control_pipeline.h, which applies it).
+    virtual unsigned frame_latency() const = 0;
+    /// The exposure and gain controls as the registers hold them now, in the
+    /// form a frame taken with them would use.
+    virtual Frame_settings controls() const = 0;
+    /// One sensor frame's readout starts: advances the frame counter and
+    /// fills what acts at once (frame count, read-out orientation) into
+    /// @p frame, which holds the latched controls.
+    virtual void begin_frame(Frame_settings& frame) = 0;
 };
 
 /// The model of @p engine, or null with a message when none exists.

@@ -283,7 +283,7 @@ void Sim_core::state_changed()
 {
     bool now_running = sensor_running();
     if (now_running && !running) {
-        model->stream_started();
+        pipeline.restart(model->controls(), model->frame_latency());
         Clock::time_point now = Clock::now();
         first_frame_at = now + std::chrono::milliseconds(cfg.faults.first_frame_delay_ms);
         next_frame = first_frame_at + std::chrono::microseconds(int64_t(1e6 / cfg.fps));
@@ -809,7 +809,8 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
         return;
     }
     int index = pick_target();
-    Frame_settings settings = model->next_frame();
+    Frame_settings settings = pipeline.advance(model->controls());
+    model->begin_frame(settings);
     ++count.sensor_frames;
     ++frame_number;
     last_exposure_us = settings.exposure_us;

@@ -59,6 +59,7 @@
 #include <thread>
 #include <vector>
 
+#include "Control_pipeline.h"
 #include "Fault_gate.h"
 #include "Psoc_model.h"
 #include "Renderer.h"
@@ -179,6 +180,7 @@ private:
     const Config cfg;
     const Clock::time_point start;
     std::unique_ptr<Sensor_model> model;
+    Control_pipeline pipeline;  ///< the model's frame latency (lock held)
     std::unique_ptr<IHwl> face;
     Sim_trace trace;
     Renderer renderer;

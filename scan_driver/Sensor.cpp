@@ -59,7 +59,7 @@ unsigned Sensor::sample_frame(const unsigned char* image, unsigned rows, bool re
     const Sensor_trait::Capabilities& caps = the_scan_driver->capabilities;
     if (reset) {
         controller->sample_reset(caps.width, caps.height);
-        if (controller->settings.exposure_method >= 2)
+        if (controller->settings.mode >= 2)  // automatic exposure (see Sensor.h)
             controller->set_sample_image(image);
     }
     controller->sample_pixels(rows);
@@ -123,7 +123,7 @@ bool Sensor::check_conformity(unsigned white)
     const Exposure_settings& settings = driver.exposure_controller->settings;
 
     if (settings.conform_image && available.buffer_available()) {
-        if (settings.exposure_method >= 2 && nonconforming(white, settings)) {
+        if (settings.mode >= 2 && nonconforming(white, settings)) {
             if (nonconform_cnt < settings.conform_tries) {
                 ++nonconform_cnt;
                 silent_trace("nonconform_cnt = %u", nonconform_cnt);

@@ -14,11 +14,16 @@
 // (stalled). The peers are reached through `the_scan_driver`.
 //
 // Sampling: the frame's image is given to the exposure controller's sampler
-// only when the exposure method (ES_EXPOSURE_METHOD) is 2 or more; with a
-// lower method the sampler keeps no image, samples no pixel and the white
-// value is that of an empty sample. The same method gates the conformity
-// check. A vsync_ist that finds no frame in Available_buffer (the stream
-// driver has already reported that) does nothing.
+// only in the automatic exposure modes (settings mode 2 and above); in the
+// fixed modes (0 and 1) the sampler keeps no image, samples no pixel and the
+// white value is 0. The same mode gates the conformity check. The gate reads
+// the exposure mode, not the exposure method (ES_EXPOSURE_METHOD): the
+// method only picks the sampling pattern (0 uniform, 1 centre, other
+// centre-weighted), so that every method a client can choose works; gating
+// on the method would leave methods 0 and 1 with a white value of 0 and
+// drive the exposure up four-fold at every update. A vsync_ist that finds
+// no frame in Available_buffer (the stream driver has already reported
+// that) does nothing.
 //
 // Threading: the sensor's own monitor is the driver's central lock; the
 // stream driver, buffer locker, available buffer and state manager forward

@@ -11,6 +11,20 @@
 //
 // Options that configure the simulator are handed to it through its VQXSIM_*
 // environment variables, set before the first open.
+//
+// --exposure-log FILE writes one CSV row per frame for tuning engineers:
+//   frame        the driver's frame number (image attributes)
+//   time_ms      when the client received it, from the start of scanning
+//   white_value  the white value the driver measured (image attributes)
+//   p97          the 97th percentile of the frame's pixels
+//   exposure, gain            as the driver reports them (engine units:
+//                             rows and 1/256 for the AR0144)
+//   sensor_rows, sensor_gain  as the simulated sensor really used them
+//                             (empty on real hardware)
+//   kept         1 for a frame the client received; 0 for a frame number the
+//                driver used but the client never saw (held back for
+//                missing the exposure target, or replaced by a newer frame
+//                before the client asked); such rows carry the number only.
 #include <VQXScanInterface.h>
 
 #include <cerrno>
@@ -22,6 +36,7 @@
 #include <sys/stat.h>
 #include <vector>
 
+#include "scan_session.h"
 #include "vqxscan_decode.h"
 #include "vqxscan_image.h"
 #include "vqxscan_json.h"
@@ -53,6 +68,10 @@ const char usage_text[] =
     "  --exposure-mode N   0/1 fixed, 2 histogram, 3 context-sensitive (default 2)\n"
     "  --sleep-timeout MS  the engine's sleep time-out (default: left as it is)\n"
     "  --save DIR          save every frame as DIR/frame_NNNN.png\n"
+    "  --exposure-log FILE write one CSV row per frame: driver and sensor\n"
+    "                      exposure and gain, white value, 97th percentile\n"
+    "  --continue          keep scanning after a barcode is read, until --frames\n"
+    "                      or --timeout (for exposure logs)\n"
     "  --json              print a JSON summary instead of text\n"
     "  --help              print this text\n"
     "\n"
@@ -60,7 +79,10 @@ const char usage_text[] =
     "  --engine TYPE       engine type the simulator reports (default X7710)\n"
     "  --text TEXT         contents of the simulated barcode\n"
     "  --format FORMAT     code128 or qrcode\n"
-    "  --scene FILE        a PGM or PNG image in front of the engine instead\n"
+    "  --scene SCENE       barcode, flat, flat:N (reflectance N/255), ramp, or a\n"
+    "                      PGM or PNG image in front of the engine\n"
+    "  --scene-scale X     scene reflectance factor (1/16 = 0.0625 ... 16)\n"
+    "  --capture-mode N    the engine's capture mode, 0-7 (default 3)\n"
     "\n"
     "Exit codes:\n"
     "  0  a barcode was read\n"
@@ -69,7 +91,7 @@ const char usage_text[] =
     "  3  no session could be opened (no hardware layer, unsupported engine,\n"
     "     or bad simulator settings; the debug log says which)\n"
     "  4  scanning could not start, or the engine stopped delivering frames\n"
-    "  5  a frame could not be saved\n";
+    "  5  a frame or the exposure log could not be saved\n";
 
 struct Options {
     unsigned frames = 0;
@@ -81,12 +103,15 @@ struct Options {
     bool set_sleep_timeout = false;
     uint32_t sleep_timeout_ms = 0;
     std::string save_dir;
+    std::string exposure_log;
+    bool keep_going = false;
     bool json = false;
-    std::string engine, text, format, scene;
+    std::string engine, text, format, scene, scene_scale, capture_mode;
 };
 
 struct Frame_report {
     unsigned number = 0;
+    VQX_IMAGE_ATTRIBUTES attributes{};
     double time_ms = 0.0;
     vqxscan::Brightness brightness;
     bool has_sim_info = false;
@@ -183,17 +208,22 @@ int parse_options(int argc, char** argv, Options& o)
                 return EXIT_USAGE;
             }
             o.set_lights = true;
-        } else if (arg == "--save") {
+        } else if (arg == "--save" || arg == "--exposure-log") {
             if (!value(v))
                 return EXIT_USAGE;
-            o.save_dir = v;
-        } else if (arg == "--engine" || arg == "--text" || arg == "--format" || arg == "--scene") {
+            (arg == "--save" ? o.save_dir : o.exposure_log) = v;
+        } else if (arg == "--continue") {
+            o.keep_going = true;
+        } else if (arg == "--engine" || arg == "--text" || arg == "--format" || arg == "--scene" ||
+                   arg == "--scene-scale" || arg == "--capture-mode") {
             if (!value(v))
                 return EXIT_USAGE;
             std::string& field = arg == "--engine" ? o.engine
                                  : arg == "--text"  ? o.text
                                  : arg == "--format" ? o.format
-                                                     : o.scene;
+                                 : arg == "--scene" ? o.scene
+                                 : arg == "--scene-scale" ? o.scene_scale
+                                                          : o.capture_mode;
             field = v;
         } else {
             std::fprintf(stderr, "vqxscan: unknown option '%s' (see --help)\n", arg.c_str());
@@ -222,6 +252,43 @@ bool prepare_save_dir(const std::string& dir)
 double ms_since(Clock::time_point start)
 {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// The image attributes the driver filled for @p frame. The exported
+// functions carry no attributes; the session handle is the driver's session
+// object, whose virtual operations (fixed slot order, no linkage to hidden
+// symbols) include Get_image_attributes.
+void frame_attributes(VQXSI_HANDLE h, void* frame, VQX_IMAGE_ATTRIBUTES& out)
+{
+    reinterpret_cast<Scan_session*>(h)->Get_image_attributes(frame, &out);
+}
+
+// Writes the exposure log (see the file comment); false with a message.
+bool write_exposure_log(const std::string& path, const Report& r)
+{
+    FILE* out = std::fopen(path.c_str(), "w");
+    if (!out) {
+        std::fprintf(stderr, "vqxscan: --exposure-log %s: %s\n", path.c_str(), std::strerror(errno));
+        return false;
+    }
+    std::fprintf(out, "frame,time_ms,white_value,p97,exposure,gain,sensor_rows,sensor_gain,kept\n");
+    uint32_t last = 0;
+    for (const Frame_report& f : r.frames) {
+        const VQX_IMAGE_ATTRIBUTES& a = f.attributes;
+        for (uint32_t n = last + 1; last != 0 && n < a.frame_number; ++n)
+            std::fprintf(out, "%u,,,,,,,,0\n", n);
+        last = a.frame_number;
+        std::fprintf(out, "%u,%.2f,%u,%u,%u,%u,", a.frame_number, f.time_ms, a.white_value, f.brightness.p97,
+                     a.exposure, a.gain);
+        if (f.has_sim_info)
+            std::fprintf(out, "%u,%.4f,1\n", f.sim.rows, f.sim.gain);
+        else
+            std::fprintf(out, ",,1\n");
+    }
+    const bool ok = std::fclose(out) == 0;
+    if (!ok)
+        std::fprintf(stderr, "vqxscan: --exposure-log %s: %s\n", path.c_str(), std::strerror(errno));
+    return ok;
 }
 
 void print_text(const Report& r)
@@ -302,6 +369,8 @@ int scan(VQXSI_HANDLE h, const Options& o, Report& r)
         f.time_ms = ms_since(start);
         f.brightness = vqxscan::measure_brightness(pixels, r.width, r.height);
         f.has_sim_info = sim.frame_info(pixels, f.sim);
+        f.attributes.size = sizeof f.attributes;
+        frame_attributes(h, frame, f.attributes);
         bool saved = true;
         if (!o.save_dir.empty()) {
             char name[32];
@@ -319,16 +388,17 @@ int scan(VQXSI_HANDLE h, const Options& o, Report& r)
             code = EXIT_SAVE_FAILED;
             break;
         }
-        if (d.found) {
+        if (d.found && !r.decoded.found) {
             r.decoded = d;
             r.decode_ms = ms_since(start);
             code = EXIT_DECODED;
-            break;
+            if (!o.keep_going)
+                break;
         }
         const double elapsed = ms_since(start);
         if ((o.frames && r.frames.size() >= o.frames) || elapsed >= o.timeout_ms)
             break;
-        if (elapsed - last_progress >= 1000.0) {
+        if (!r.decoded.found && elapsed - last_progress >= 1000.0) {
             last_progress = elapsed;
             std::fprintf(stderr, "vqxscan: %zu frames in %.1f s, no barcode yet\n", r.frames.size(),
                          elapsed / 1000.0);
@@ -350,6 +420,10 @@ void set_sim_environment(const Options& o)
         setenv(env.format, o.format == "qrcode" ? env.format_qrcode : env.format_code128, 1);
     if (!o.scene.empty())
         setenv(env.scene, o.scene.c_str(), 1);
+    if (!o.scene_scale.empty())
+        setenv(env.scene_scale, o.scene_scale.c_str(), 1);
+    if (!o.capture_mode.empty())
+        setenv(env.capture_mode, o.capture_mode.c_str(), 1);
 }
 
 } // namespace
@@ -393,6 +467,8 @@ int main(int argc, char** argv)
     const int code = scan(h, o, r);
     VQXSI_CloseSessionWithScanEngine(h);
 
+    if (!o.exposure_log.empty() && !write_exposure_log(o.exposure_log, r))
+        return EXIT_SAVE_FAILED;
     if (o.json)
         print_json(r);
     else

@@ -22,6 +22,8 @@ bool Sim_frame_source::frame_info(const void* image, Sim_frame_info& out) const
         return false;
     out.exposure_us = info.exposure_us;
     out.gain = info.gain;
+    out.rows = info.rows;
+    out.sensor_frame = info.frame_number;
     return true;
 }
 

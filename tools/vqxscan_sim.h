@@ -22,11 +22,15 @@ struct Sim_environment {
     const char* format_code128 = "code128";
     const char* format_qrcode = "qrcode";
     const char* scene = "VQXSIM_SCENE";  ///< barcode, flat, ramp, or an image file
+    const char* scene_scale = "VQXSIM_SCENE_SCALE";
+    const char* capture_mode = "VQXSIM_CAPTURE_MODE";
 };
 
 struct Sim_frame_info {
     double exposure_us = 0.0;
     double gain = 0.0;  ///< total gain, 1.0 = unity
+    uint32_t rows = 0;  ///< coarse integration rows the sensor used
+    uint64_t sensor_frame = 0;  ///< the sensor's frame number, 1 for the first
 };
 
 /// Looks the simulator's frame information up, if the simulator is there.

@@ -117,28 +117,29 @@ TEST(SimAR0144, ExposureAndGainTakeEffectTwoFramesAfterTheWrite)
     start_streaming(hwl, log, 40, 0x00);
     capture(*sim, 0);  // frame 1
     hwl.ReleaseBuffer(0x1001);
-    // Written while frame 2 is under way: frame 4 uses them.
+    // Written in frame 1's period (after its readout began, before frame 2's):
+    // frame 3 is the first to use them.
     ASSERT_TRUE(write16(hwl, 0x3012, 90));
     ASSERT_TRUE(write16(hwl, 0x3014, 740));
     ASSERT_TRUE(write16(hwl, 0x3060, 0x2F));  // 4 x 32/17
     ASSERT_TRUE(write16(hwl, 0x305E, 0x100));
-    for (unsigned i = 0; i < 3; ++i) {
+    for (unsigned i = 0; i < 2; ++i) {
         capture(*sim, i % 2);
         hwl.ReleaseBuffer(0x1001 + int(i % 2));
     }
     std::vector<vqxsim::Frame_record> f = sim->frames();
-    ASSERT_EQ(4u, f.size());
-    for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(3u, f.size());
+    for (int i = 0; i < 2; ++i) {
         SCOPED_TRACE(i + 1);
         EXPECT_EQ((std::vector<uint64_t>{uint64_t(i + 1), 40}), (std::vector<uint64_t>{f[i].number, f[i].rows}));
         EXPECT_TRUE(f[i].exposure_us == 800.0 && f[i].gain == 1.0) << f[i].exposure_us << " us x" << f[i].gain;
     }
-    EXPECT_EQ(90u, f[3].rows);
-    EXPECT_EQ(20.0, f[3].line_time_us);
-    EXPECT_NEAR(90 * 20 + 10.0, f[3].exposure_us, 1e-9);  // 740 clocks at 74 MHz
-    EXPECT_NEAR(4 * 32.0 / 17.0 * 2.0, f[3].gain, 1e-9);
-    EXPECT_EQ(0x2F, f[3].analog_gain_code);
-    EXPECT_EQ(0x100, f[3].digital_gain_code);
+    EXPECT_EQ(90u, f[2].rows);
+    EXPECT_EQ(20.0, f[2].line_time_us);
+    EXPECT_NEAR(90 * 20 + 10.0, f[2].exposure_us, 1e-9);  // 740 clocks at 74 MHz
+    EXPECT_NEAR(4 * 32.0 / 17.0 * 2.0, f[2].gain, 1e-9);
+    EXPECT_EQ(0x2F, f[2].analog_gain_code);
+    EXPECT_EQ(0x100, f[2].digital_gain_code);
 }
 
 TEST(SimRender, MonotonicInExposureAndGainAndSaturates)
