@@ -565,6 +565,11 @@ void AR0144_trait::advance_history(unsigned frames)
 
 void AR0144_trait::exposure_frame()
 {
+    follow_frame_counter();
+}
+
+void AR0144_trait::follow_frame_counter()
+{
     // Sensor frames since the last call, from the frame counter: frames the
     // driver never saw (no buffer armed, dropped by the transfer) still
     // moved the sensor's pipeline. A repeated call for the same frame moves
@@ -589,6 +594,12 @@ unsigned int AR0144_trait::current_contrast()
 
 unsigned int AR0144_trait::current_exposure()
 {
+    // The frame being delivered may not be the one exposure_frame() saw: in
+    // capture modes 1 to 3 a frame lost after its inter-frame point is
+    // followed in the same buffer by the next one, whose inter-frame point
+    // the driver never sees. The counter says so; then step to it.
+    if (power_state == POWER_STREAMING && frame_count_known)
+        follow_frame_counter();
     return exposure_now;
 }
 

@@ -50,7 +50,14 @@
 // a counter reading it steps one frame. Limit: the counter is read at the
 // programming point, so a programming point that comes only after the next
 // frame has begun (a frame callback delayed by a whole frame period)
-// credits the delivered frame with the next frame's values. trigger_on
+// credits the delivered frame with the next frame's values.
+// current_exposure() (read when a delivered frame's attributes are filled,
+// before current_gain()) follows the counter too: in capture modes 1 to 3 a
+// frame lost by the transfer after its inter-frame point leaves its buffer
+// armed, the next frame fills it and is delivered without an inter-frame
+// point of its own, and the counter has moved on by one. Its white value is
+// still sampled partly from the lost frame (the driver cannot tell the two
+// apart in the buffer). trigger_on
 // steps the histories four times and reads the counter when streaming
 // starts, so the first frames report the starting setting. The histories
 // record what the registers really hold after clamping and gain
@@ -264,6 +271,7 @@ private:
     uint32_t engine_variant() const;
     uint32_t engine_orientation() const;
     void advance_history(unsigned frames);
+    void follow_frame_counter();
     bool call_aimer();
     bool write_table();
     bool write_shadows();

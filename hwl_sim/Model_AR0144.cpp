@@ -5,7 +5,9 @@
 //   0x301A        reset register: bit 0 reset (restores the power-on values,
 //                 self-clearing), bit 1 restart (self-clearing), bit 2 STREAM
 //   0x301C (8)    mode select: bit 0 streaming. The sensor streams while
-//                 0x301A bit 2 or 0x301C bit 0 is set.
+//                 0x301A bit 2 or a written 0x301C bit 0 is set; reads of
+//                 0x301C show bit 0 as the streaming state from either
+//                 source (the register is the stream bit's alias).
 //   0x301D (8)    image orientation: bit 1 vertical flip, bit 0 mirror
 //   0x3040        read mode: bit 15 vertical flip, bit 14 mirror (both
 //                 combine with 0x301D by exclusive or)
@@ -116,7 +118,7 @@ public:
     void set_standby(bool s) override { standby = s; }
     void set_stalled(bool s) override { stalled = s; }
     bool streaming() const override
-    { return (regs.word(RESET_REGISTER) & STREAM_BIT) != 0 || (regs.byte(MODE_SELECT) & 1) != 0; }
+    { return (regs.word(RESET_REGISTER) & STREAM_BIT) != 0 || mode_select_stream; }
     unsigned frame_latency() const override { return 2; }
     Frame_settings controls() const override;
     void begin_frame(Frame_settings& frame) override;
@@ -131,6 +133,7 @@ private:
     bool standby = true;
     bool stalled = false;
     uint16_t frame_count = 0;
+    bool mode_select_stream = false;  // bit 0 as last written to 0x301C
 };
 
 void Model_AR0144::power_on_values()
@@ -139,6 +142,7 @@ void Model_AR0144::power_on_values()
     for (const Register_value& r : kPowerOn)
         regs.set_word(r.address, r.value);
     pll_locked = false;
+    mode_select_stream = false;
     frame_count = 0;
 }
 
@@ -151,6 +155,7 @@ void Model_AR0144::refresh_status()
         status |= 0x0002;
     regs.set_word(FRAME_COUNT, frame_count);
     regs.set_word(FRAME_STATUS, status);
+    regs.set_byte(MODE_SELECT, static_cast<uint8_t>((regs.byte(MODE_SELECT) & ~1u) | (streaming() ? 1u : 0u)));
     regs.set_word(DATAPATH_STATUS, stalled ? 0x0100 : 0x0000);
 }
 
@@ -165,6 +170,8 @@ bool Model_AR0144::write(unsigned address, const uint16_t* values, uint64_t leng
     for (size_t i = 0; i < sizeof kReadOnly / sizeof kReadOnly[0]; ++i)
         regs.set_word(kReadOnly[i], kept[i]);
 
+    if (overlaps(address, length, MODE_SELECT, 1))
+        mode_select_stream = (regs.byte(MODE_SELECT) & 1) != 0;
     if (overlaps(address, length, PLL_PIXEL_DIV, 8))  // 0x302A to 0x3031
         pll_locked = true;
     if (overlaps(address, length, RESET_REGISTER, 2)) {

@@ -35,22 +35,28 @@ TEST_F(Stream_test, ConformityLimitsAndWrapAround)
 {
     exposure.conform_image = 1;
     make_stream(0);
-    const struct { unsigned tries, target, gap, method, white; bool kept; } cases[] = {
-        {0, 120, 40, 2, 0, true}, {5, 10, 20, 2, 0, true}, {5, 10, 20, 2, 30, true},
-        {5, 10, 20, 2, 31, false}, {5, 10, 20, 1, 31, true}};
+    // The exposure mode gates sampling and conformity (fixed modes 0 and 1:
+    // neither); every sampling method of the automatic modes is checked.
+    const struct { unsigned tries, target, gap, mode, method, white; bool kept; } cases[] = {
+        {0, 120, 40, 2, 2, 0, true}, {5, 10, 20, 2, 2, 0, true}, {5, 10, 20, 2, 2, 30, true},
+        {5, 10, 20, 2, 2, 31, false}, {5, 10, 20, 3, 0, 31, false}, {5, 10, 20, 2, 1, 31, false},
+        {5, 10, 20, 1, 2, 31, true}, {5, 10, 20, 0, 0, 31, true}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.tries << " " << c.method << " " << c.white);
+        SCOPED_TRACE(::testing::Message() << c.tries << " " << c.mode << " " << c.method << " " << c.white);
         exposure.conform_tries = c.tries;
         exposure.target_value = c.target;
         exposure.target_accept_gap = c.gap;
+        exposure.mode = c.mode;
         exposure.exposure_method = c.method;
+        controller.ae_sampler.image = controller.cs_sampler.image = nullptr;
+        controller.image_at_sample = nullptr;
         controller.white = c.white;
         stop_and_drain();
         hwl.log.clear();
         ASSERT_TRUE(stream->start_scanning(lights, exposure, false));
         vsync(101);
         EXPECT_EQ(c.kept, available_now() == record(0));
-        EXPECT_EQ(c.method < 2, controller.image_at_sample.load() == nullptr);
+        EXPECT_EQ(c.mode < 2, controller.image_at_sample.load() == nullptr);
         if (c.tries == 0) {
             EXPECT_EQ(1u, hwl.log.count("update_contrast(0,1000)"));  // the kept miss updates the exposure
         }

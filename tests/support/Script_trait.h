@@ -8,7 +8,7 @@
 //
 // Script_controller records "sample_reset(w,h)", "sample_pixels(n)",
 // "sample_wv" and answers `white`; image_at_sample is the image the
-// histogram sampler held at the last sample_pixels.
+// sampler of the exposure mode held at the last sample_pixels.
 //
 // Engine_thread plays the transfer hardware: it fills each armed buffer in
 // arming order (relaxed atomic stores, as the hardware writes while the
@@ -129,7 +129,7 @@ public:
     void sample_pixels(unsigned rows) override
     {
         log.record("sample_pixels(%u)", rows);
-        image_at_sample = ae_sampler.image;
+        image_at_sample = settings.mode == 2 ? ae_sampler.image : cs_sampler.image;
     }
     unsigned sample_wv() override
     {

@@ -1,0 +1,326 @@
+// The engine harness: auto exposure and frame truth for every engine type,
+// end to end through the C interface on the simulated engine in real time.
+//
+// Each case is one test in its own process (ctest runs every test of this
+// program alone), because the capture mode, the scene and the faults are
+// fixed when the driver first starts. A client opens a session, starts
+// scanning and pulls frames; for every frame it holds what the driver says
+// (the image attributes) against what the simulated sensor really did (its
+// frame record) and against the pixels themselves:
+//   - truth: the exposure rows and gain in the attributes are those the
+//     sensor used for that frame, with and without dropped and duplicated
+//     frame events;
+//   - convergence: from 1/16, 1 and 16 times the scene's reflectance, on
+//     the barcode and on a flat field, with each sampling method, the
+//     frames' 97th percentile settles within target +- gap by frame 30 and
+//     stays there (the exact figures: tools/exposure_table.py);
+//   - fixed exposure mode programs the fixed exposure and gain; the
+//     context-sensitive mode holds a steady exposure.
+// Every buffer is back with the hardware layer after the session closes.
+//
+// A new engine adds a row to kEngines (its engine type, the unit of its
+// gain attribute and the capture modes it supports).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <VQXScanInterface.h>
+
+#include "Sim_client.h"
+#include "Simulator.h"
+#include "scan_session.h"
+#include "vqxsim_c.h"
+
+namespace {
+
+using sim_client::Session;
+using sim_client::wait_until;
+
+struct Engine {
+    const char* type;
+    double gain_unit;            ///< attribute gain of 1x
+    std::vector<unsigned> modes;  ///< streaming capture modes
+};
+
+const Engine kEngines[] = {
+    {"X7710", 256.0, {0, 2, 3, 4, 5, 6, 7}},
+};
+
+enum class Check { truth, converge, fixed, context };
+
+struct Case {
+    Check check;
+    const Engine* engine;
+    unsigned mode;
+    std::string scene = "barcode";  ///< barcode or flat
+    double scale = 1.0;
+    unsigned method = 2;            ///< ES_EXPOSURE_METHOD
+    std::string faults;             ///< simulator fault list
+
+    std::string name() const
+    {
+        static const char* const checks[] = {"Truth", "Converge", "Fixed", "Context"};
+        std::string n = std::string(engine->type) + "_" + checks[int(check)] + "_mode" + std::to_string(mode);
+        if (check == Check::converge) {
+            n += "_" + scene + "_x" + (scale < 1 ? "1_16" : std::to_string(int(scale))) + "_method" +
+                 std::to_string(method);
+        }
+        if (!faults.empty())
+            n += "_faults";
+        return n;
+    }
+};
+
+void PrintTo(const Case& c, std::ostream* os) { *os << c.name(); }
+
+std::vector<Case> all_cases()
+{
+    std::vector<Case> cases;
+    for (const Engine& e : kEngines) {
+        for (unsigned mode : e.modes) {
+            Case c{Check::truth, &e, mode};
+            cases.push_back(c);
+            c.faults = "drop=*7,duplicate=*5";
+            cases.push_back(c);
+            c.faults.clear();
+            for (const char* scene : {"barcode", "flat"}) {
+                for (double scale : {1.0 / 16, 1.0, 16.0}) {
+                    c.check = Check::converge;
+                    c.scene = scene;
+                    c.scale = scale;
+                    cases.push_back(c);
+                }
+            }
+            c.scene = "barcode";
+            c.scale = 1.0 / 16;
+            for (unsigned method : {0u, 1u}) {  // method 2 is the default above
+                c.method = method;
+                cases.push_back(c);
+            }
+            c.method = 2;
+            c.check = Check::fixed;
+            cases.push_back(c);
+            c.check = Check::context;
+            cases.push_back(c);
+        }
+    }
+    return cases;
+}
+
+/// One frame as the client saw it and as the sensor made it.
+struct Frame {
+    VQX_IMAGE_ATTRIBUTES attributes{};
+    struct vqxsim_frame_info sensor{};
+    bool known = false;  ///< the simulator knew the frame
+    unsigned p97 = 0;    ///< 97th percentile of the pixels
+};
+
+unsigned percentile97(const unsigned char* p, size_t n)
+{
+    unsigned hist[256] = {};
+    for (size_t i = 0; i < n; i += 7)
+        ++hist[p[i]];
+    const size_t total = (n + 6) / 7;
+    size_t sum = 0;
+    for (unsigned v = 0; v < 256; ++v) {
+        sum += hist[v];
+        if (sum * 100 >= total * 97)
+            return v;
+    }
+    return 255;
+}
+
+uint32_t setting(VQXSI_HANDLE h, uint32_t tag)
+{
+    uint32_t pair[2] = {tag, 0};
+    VQXSI_GetExposureSettings(h, pair, sizeof pair);
+    return pair[1];
+}
+
+class EngineHarness : public testing::TestWithParam<Case> {
+protected:
+    void SetUp() override
+    {
+        // The driver keeps the hardware layer it first started with: only the
+        // first case of a process can be run faithfully.
+        static std::string first;
+        const std::string name = GetParam().name();
+        if (first.empty())
+            first = name;
+        if (first != name)
+            GTEST_SKIP() << "run each case in its own process (ctest does): the driver started with " << first;
+        const Case& c = GetParam();
+        vqxsim::Config config;
+        config.engine = c.engine->type;
+        config.fps = 120.0;
+        config.buffers = 4;
+        config.render = vqxsim::Render_mode::fast;
+        config.capture_mode = c.mode;
+        config.scene = c.scene == "flat" ? vqxsim::Scene_kind::flat : vqxsim::Scene_kind::barcode;
+        config.flat_level = 128;
+        config.scene_scale = c.scale;
+        std::string error;
+        ASSERT_TRUE(config.faults.parse(c.faults, &error)) << error;
+        sim = sim_client::kept_simulator(config);
+        vqxsim::set_instance_for_InitHWLayer(sim->hwl());
+    }
+    void TearDown() override
+    {
+        if (sim) {
+            EXPECT_TRUE(wait_until([this] { return sim->buffers_in(vqxsim::Buffer_state::delivered) == 0; }, 2000))
+                << "buffers not given back to the hardware layer";
+            sim->shutdown();
+        }
+    }
+
+    /// Opens a session set up for the case, scans @p count frames and closes.
+    std::vector<Frame> scan(unsigned count, const std::vector<uint32_t>& tags = {}, uint32_t exposure_mode = 2)
+    {
+        const Case& c = GetParam();
+        std::vector<Frame> frames;
+        Session s;
+        EXPECT_NE(nullptr, static_cast<VQXSI_HANDLE>(s));
+        if (!s)
+            return frames;
+        if (c.scene == "flat" || c.method < 2) {
+            // With the aimer on, the aimer pattern is the brightest 3% of a
+            // uniform scene's samples, and all that the centre method samples
+            // of the barcode: it sets the white value. Light the scene evenly.
+            VQX_SCANNER_LIGHTING lights = {sizeof lights};
+            VQXSI_GetLights(s, &lights);
+            lights.scanning_mode = VQX_LIGHTS_ILLUMINATION;
+            VQXSI_SetLights(s, &lights);
+        }
+        std::vector<uint32_t> pairs = {ES_EXPOSURE_METHOD, c.method};
+        pairs.insert(pairs.end(), tags.begin(), tags.end());
+        VQXSI_SetExposureSettings(s, pairs.data(), uint32_t(pairs.size() * sizeof(uint32_t)));
+        VQXSI_SetExposureMode(s, exposure_mode);
+        target = setting(s, ES_TARGET_VALUE);
+        gap = setting(s, ES_TARGET_ACCEPT_GAP);
+        VQX_SCANENGINE_PROPERTIES_EX p;
+        VQXSI_GetScanEnginePropertiesEx(s, &p, sizeof p);
+        const size_t bytes = size_t(p.image_width) * p.image_height;
+        EXPECT_EQ(1, VQXSI_StartScanning(s));
+        for (unsigned i = 0; i < count; ++i) {
+            void* image = VQXSI_GetNewScan(s);
+            EXPECT_NE(nullptr, image) << "the stream died after " << i << " frames";
+            if (!image)
+                break;
+            Frame f;
+            f.attributes.size = sizeof f.attributes;
+            reinterpret_cast<Scan_session*>(static_cast<VQXSI_HANDLE>(s))->Get_image_attributes(image, &f.attributes);
+            f.known = vqxsim_frame_info(image, &f.sensor) == 0;
+            f.p97 = percentile97(static_cast<const unsigned char*>(image), bytes);
+            EXPECT_EQ(1, VQXSI_UnlockBuffer(s, image));
+            frames.push_back(f);
+        }
+        EXPECT_EQ(1, VQXSI_StopScanning(s));
+        return frames;
+    }
+
+    /// Index of the first frame from which every frame is within target +-
+    /// gap, or frames.size() when the last one is not.
+    size_t settled(const std::vector<Frame>& frames) const
+    {
+        size_t first = frames.size();
+        for (size_t i = 0; i < frames.size(); ++i) {
+            const bool inside = std::abs(int(frames[i].p97) - int(target)) <= int(gap);
+            if (!inside)
+                first = frames.size();
+            else if (first == frames.size())
+                first = i;
+        }
+        return first;
+    }
+
+    std::string trace(const std::vector<Frame>& frames) const
+    {
+        std::string t;
+        char line[160];
+        for (const Frame& f : frames) {
+            std::snprintf(line, sizeof line, "frame %u: p97 %u white %u | driver %u rows x %u | sensor %u rows x %.3f\n",
+                          f.attributes.frame_number, f.p97, f.attributes.white_value, f.attributes.exposure,
+                          f.attributes.gain, f.sensor.rows, double(f.sensor.gain));
+            t += line;
+        }
+        return t;
+    }
+
+    void expect_truth(const std::vector<Frame>& frames) const
+    {
+        const double unit = GetParam().engine->gain_unit;
+        unsigned wrong = 0;
+        for (const Frame& f : frames) {
+            ASSERT_TRUE(f.known) << "the simulator does not know frame " << f.attributes.frame_number;
+            const bool same = f.attributes.exposure == f.sensor.rows &&
+                              std::fabs(double(f.attributes.gain) - double(f.sensor.gain) * unit) <= 0.5;
+            wrong += same ? 0 : 1;
+        }
+        EXPECT_EQ(0u, wrong) << "frames whose attributes differ from what the sensor used:\n" << trace(frames);
+    }
+
+    vqxsim::Simulator* sim = nullptr;
+    uint32_t target = 0, gap = 0;
+};
+
+TEST_P(EngineHarness, Run)
+{
+    const Case& c = GetParam();
+    switch (c.check) {
+    case Check::truth: {
+        const std::vector<Frame> frames = scan(40);
+        expect_truth(frames);
+        if (!c.faults.empty()) {
+            const vqxsim::Counters n = sim->counters();
+            EXPECT_GT(n.frames_dropped, 0u);
+            EXPECT_GT(n.duplicate_events, 0u);
+        }
+        break;
+    }
+    case Check::converge: {
+        const std::vector<Frame> frames = scan(40);
+        expect_truth(frames);
+        const size_t at = settled(frames);
+        ASSERT_LT(at, frames.size()) << "never settled within " << target << " +- " << gap << ":\n" << trace(frames);
+        EXPECT_LE(frames[at].attributes.frame_number, 30u) << trace(frames);
+        break;
+    }
+    case Check::fixed: {
+        // 2000 us at 2x: the sensor's exposure within one row, its gain the
+        // largest step not above 2x.
+        const std::vector<Frame> frames = scan(8, {ES_FIXED_EXP_US, 2000, ES_FIXED_GAIN_256, 512}, 0);
+        expect_truth(frames);
+        for (const Frame& f : frames) {
+            EXPECT_NEAR(2000.0, f.sensor.exposure_us, 25.0);
+            EXPECT_LE(f.sensor.gain, 2.0f);
+            EXPECT_GE(f.sensor.gain, 1.8f);
+        }
+        break;
+    }
+    case Check::context: {
+        // The context-sensitive white value: no growing oscillation. Over
+        // the last 16 frames the contrast stays within a factor of 1.5.
+        const std::vector<Frame> frames = scan(40, {}, 3);
+        expect_truth(frames);
+        ASSERT_GE(frames.size(), 20u);
+        double lo = 1e300, hi = 0;
+        for (size_t i = frames.size() - 16; i < frames.size(); ++i) {
+            const double contrast = double(frames[i].sensor.rows) * frames[i].sensor.gain;
+            lo = std::min(lo, contrast);
+            hi = std::max(hi, contrast);
+        }
+        EXPECT_LE(hi, lo * 1.5) << trace(frames);
+        break;
+    }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Engines, EngineHarness, testing::ValuesIn(all_cases()),
+                         [](const testing::TestParamInfo<Case>& info) { return info.param.name(); });
+
+}  // namespace
