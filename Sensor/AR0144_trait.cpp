@@ -63,6 +63,7 @@ constexpr unsigned MAX_RESUME_MS = 150;
 constexpr unsigned HISTORY_SIZE = 4;
 constexpr unsigned SATURATED_WHITE = 255;
 constexpr unsigned SATURATED_STEP = 8;
+constexpr unsigned MAX_STEP_UP = 16;
 constexpr unsigned HISTORY_FILL = 4;
 constexpr uint8_t MAX_BOOST = 2;
 
@@ -550,9 +551,15 @@ unsigned AR0144_trait::contrast_step(unsigned white, unsigned contrast, const Ex
     // unknown factor of at least 255 / target: step down eight-fold, not by
     // that lower bound, so that a scene many times too bright settles in two
     // updates instead of four or more.
-    if (white >= SATURATED_WHITE && s.target_value < SATURATED_WHITE)
+    const unsigned target = s.target_value;
+    if (white >= SATURATED_WHITE && target < SATURATED_WHITE)
         return std::max(contrast / SATURATED_STEP, 1u);
-    return shared_contrast_step(white, contrast, s);
+    // Upward the white value is trusted down to a sixteenth of the target
+    // (one step up to sixteen-fold): the 97th percentile of a dark frame is
+    // still well above the sensor's noise floor there.
+    const unsigned floor = std::max(target / MAX_STEP_UP, 1u);
+    const uint64_t c = uint64_t(contrast) * target / std::max(white, floor);
+    return static_cast<unsigned>(std::min<uint64_t>(std::max<uint64_t>(c, 1), UINT32_MAX));
 }
 
 void AR0144_trait::advance_history(unsigned frames)

@@ -81,12 +81,14 @@
 //    gain is written first, then the rows, back to back at the frame's
 //    programming point; no grouped parameter hold is used.
 //  - update_contrast, automatic modes (2 and above): the wanted contrast c
-//    is the shared contrast step's (at most four-fold up, exactly
-//    contrast x target / white down), except from a saturated frame (white
-//    255, with a target below 255): the white value then bounds the
-//    brightness only from below, and the contrast drops eight-fold. A scene
-//    16 times too bright settles in two updates (eight-fold, then the exact
-//    step) instead of the four halvings the shared step would take. The
+//    is contrast x target / white, with the white value held at no less
+//    than a sixteenth of the target (one step raises the contrast at most
+//    sixteen-fold, where the shared step of the other traits allows four),
+//    except from a saturated frame (white 255, with a target below 255):
+//    the white value then bounds the brightness only from below, and the
+//    contrast drops eight-fold. A scene 16 times too dark settles with one
+//    update, one 16 times too bright in two (eight-fold, then the exact
+//    step) instead of the four halvings of the shared step. The
 //    step is computed from the contrast the measured frame was really taken
 //    with (current_contrast, above), so updates made while earlier ones are
 //    still in the sensor's pipeline aim at the same value and do not
