@@ -21,6 +21,9 @@
 //                             rows and 1/256 for the AR0144)
 //   sensor_rows, sensor_gain  as the simulated sensor really used them
 //                             (empty on real hardware)
+//   sensor_frame the simulated sensor's frame number (a gap larger than the
+//                driver's is frames the sensor made that the driver never
+//                saw: no buffer armed, or dropped by the transfer)
 //   kept         1 for a frame the client received; 0 for a frame number the
 //                driver used but the client never saw (held back for
 //                missing the exposure target, or replaced by a newer frame
@@ -271,19 +274,20 @@ bool write_exposure_log(const std::string& path, const Report& r)
         std::fprintf(stderr, "vqxscan: --exposure-log %s: %s\n", path.c_str(), std::strerror(errno));
         return false;
     }
-    std::fprintf(out, "frame,time_ms,white_value,p97,exposure,gain,sensor_rows,sensor_gain,kept\n");
+    std::fprintf(out, "frame,time_ms,white_value,p97,exposure,gain,sensor_rows,sensor_gain,sensor_frame,kept\n");
     uint32_t last = 0;
     for (const Frame_report& f : r.frames) {
         const VQX_IMAGE_ATTRIBUTES& a = f.attributes;
         for (uint32_t n = last + 1; last != 0 && n < a.frame_number; ++n)
-            std::fprintf(out, "%u,,,,,,,,0\n", n);
+            std::fprintf(out, "%u,,,,,,,,,0\n", n);
         last = a.frame_number;
         std::fprintf(out, "%u,%.2f,%u,%u,%u,%u,", a.frame_number, f.time_ms, a.white_value, f.brightness.p97,
                      a.exposure, a.gain);
         if (f.has_sim_info)
-            std::fprintf(out, "%u,%.4f,1\n", f.sim.rows, f.sim.gain);
+            std::fprintf(out, "%u,%.4f,%llu,1\n", f.sim.rows, f.sim.gain,
+                         static_cast<unsigned long long>(f.sim.sensor_frame));
         else
-            std::fprintf(out, ",,1\n");
+            std::fprintf(out, ",,,1\n");
     }
     const bool ok = std::fclose(out) == 0;
     if (!ok)
