@@ -17,7 +17,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <condition_variable>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include <atomic>
 
@@ -114,6 +117,91 @@ void BM_Throughput_Driver(benchmark::State& state)
     state.SetLabel(std::to_string(width) + "x" + std::to_string(height));
 }
 BENCHMARK(BM_Throughput_Driver)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+// The bare pipeline with the driver benchmark's thread structure: a producer
+// thread (the hardware layer's) "fills" each of 4 buffers the moment it comes
+// back and hands it over; the consumer (the client) takes it and gives it
+// back, both through one mutex and two condition variables. No sampling, no
+// bookkeeping: what any hand-off of 4 buffers between two threads costs.
+class Bare_pipeline {
+public:
+    Bare_pipeline()
+    {
+        for (int i = 0; i < kBuffers; ++i)
+            free_ring[i] = i;
+        n_free = kBuffers;
+        producer = std::thread([this] { produce(); });
+    }
+    ~Bare_pipeline()
+    {
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            quit = true;
+        }
+        free_cv.notify_all();
+        producer.join();
+    }
+    /// Takes the next filled buffer (waits for it).
+    int take()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ready_cv.wait(lock, [this] { return n_ready != 0; });
+        const int b = ready_ring[ready_first];
+        ready_first = (ready_first + 1) % kBuffers;
+        --n_ready;
+        return b;
+    }
+    /// Gives a buffer back to the producer.
+    void give_back(int b)
+    {
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            free_ring[(free_first + n_free) % kBuffers] = b;
+            ++n_free;
+        }
+        free_cv.notify_one();
+    }
+
+private:
+    static constexpr int kBuffers = 4;
+    void produce()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;) {
+            free_cv.wait(lock, [this] { return quit || n_free != 0; });
+            if (quit)
+                return;
+            const int b = free_ring[free_first];
+            free_first = (free_first + 1) % kBuffers;
+            --n_free;
+            ready_ring[(ready_first + n_ready) % kBuffers] = b;
+            ++n_ready;
+            lock.unlock();
+            ready_cv.notify_one();
+            lock.lock();
+        }
+    }
+    std::mutex mutex;
+    std::condition_variable free_cv, ready_cv;
+    int free_ring[kBuffers] = {}, ready_ring[kBuffers] = {};
+    int free_first = 0, n_free = 0, ready_first = 0, n_ready = 0;
+    bool quit = false;
+    std::thread producer;
+};
+
+void BM_Throughput_Bare(benchmark::State& state)
+{
+    Bare_pipeline pipeline;
+    const double cpu0 = bench::process_cpu_seconds();
+    for (auto _ : state)
+        pipeline.give_back(pipeline.take());
+    const double cpu = bench::process_cpu_seconds() - cpu0;
+    const double frames = double(state.iterations());
+    state.SetItemsProcessed(int64_t(state.iterations()));
+    state.counters["cpu_us_per_frame"] = cpu * 1e6 / frames;
+    state.SetLabel(std::to_string(width) + "x" + std::to_string(height));
+}
+BENCHMARK(BM_Throughput_Bare)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace
 
