@@ -153,6 +153,7 @@ AR0144_trait::AR0144_trait(IHwl_AR0144& hwl_, Controller* controller_)
 AR0144_trait::~AR0144_trait()
 {
     alarm.cancel();
+    once_alarm.cancel();
 }
 
 uint32_t AR0144_trait::engine_variant() const
@@ -356,6 +357,7 @@ bool AR0144_trait::start_streaming()
 
 bool AR0144_trait::stop_streaming()
 {
+    once_alarm.cancel();
     reference_time = MT_GetTickCount();
     const uint16_t stream = engine_variant() != 0 ? RESET_STREAM_SERIAL : RESET_STREAM_PARALLEL;
     const bool reset_ok = write_reg(REG_RESET, stream & ~RESET_STREAM_BIT);
@@ -380,7 +382,22 @@ void AR0144_trait::trigger_once()
 {
     if (!start_streaming())
         return;
-    MT_Delay(TRIGGER_ONCE_MS);
+    Sensor* sensor = the_scan_driver ? the_scan_driver->sensor : nullptr;
+    if (!sensor) {  // the trait used on its own: nothing else would stop it
+        MT_Delay(TRIGGER_ONCE_MS);
+        stop_streaming();
+        return;
+    }
+    // The stop is an alarm, not a wait: in capture modes 6 and 7 this runs in
+    // the frame callback, and holding the callback thread (and the driver's
+    // lock) for the window would hold back the very frame it triggers.
+    once_alarm.cancel();
+    once_alarm = sensor->monitor_base().alarm(*this, &AR0144_trait::end_trigger_once,
+                                              MT_GetTickCount() + TRIGGER_ONCE_MS, 0);
+}
+
+void AR0144_trait::end_trigger_once()
+{
     stop_streaming();
 }
 

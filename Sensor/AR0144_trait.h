@@ -124,6 +124,14 @@
 //    code 0 stops it (0x301C = 0).
 //    Returns the lights result (PSoC write, or the hardware layer's lights
 //    operations).
+//  - trigger_once: streams for 30 ms, then stops, as trigger_on followed by
+//    trigger_off; the stop comes from an alarm on the sensor's monitor
+//    (once_alarm) instead of a 30 ms wait, because in capture modes 6 and 7
+//    trigger_once runs inside the frame callback and a wait there would
+//    hold the callback thread and the driver's lock while the triggered
+//    frame is due. A trigger while a window is open extends it to 30 ms
+//    from the new trigger; any streaming stop cancels the pending end.
+//    Without a sensor object (the trait used on its own) it waits.
 //  - trigger_off: clears the stream bit of 0x301A (the streaming value
 //    without bit 2: 0x0858 or 0x30D8, output interface still enabled) and
 //    writes mode select 0x301C = 0; the sensor finishes the frame in
@@ -273,6 +281,7 @@ private:
     uint32_t engine_variant() const;
     uint32_t engine_orientation() const;
     void advance_history(unsigned frames);
+    void end_trigger_once();
     void follow_frame_counter();
     bool call_aimer();
     bool write_table();
@@ -306,6 +315,7 @@ private:
     uint16_t fine_time = 10;          ///< 0x3014
     uint32_t reference_time = 0;      ///< tick of the last streaming stop
     Alarm alarm;
+    Alarm once_alarm;                 ///< ends a trigger_once window
     uint8_t scan_lights = 0;          ///< PSoC code of the scanning lights
     uint8_t boost = 0;                ///< boost level while scanning
     bool psoc_fitted;

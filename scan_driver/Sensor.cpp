@@ -48,6 +48,7 @@ void Sensor::start_scanning(const _tagVQX_SCANNER_LIGHTING& lighting,
         trait->set_starting_exposure_gain(contrast, contrast);
     }
     stop_after_image = stop_after;
+    starved = false;
     SD_ASSERT(the_scan_driver->stream_driver->scan_state() != IStream_driver::STOPPING,
               "scan_state() != IStream_driver::STOPPING", SENSOR_LABEL, __LINE__);
     nonconform_cnt = 0;
@@ -106,7 +107,15 @@ void Sensor::vsync_ist(int buffer, bool sample)
     if (available.buffer_available() && driver.buffer_locker->circulating_buffers() < 2
         && frame->owner != ScanBufferInfo::CLIENT) {
         silent_trace("ran out of buffers, free current");
+        if (!starved)
+            dbg_output("All image buffers but one are held by clients: new frames are taken back "
+                       "until a client gives a buffer back (%u buffers).\r\n",
+                       static_cast<unsigned>(driver.buffer_locker->num_buffers()));
+        starved = true;
         available.set_p_available(nullptr);
+    } else if (starved) {
+        dbg_output("A buffer is back: frames reach the clients again.\r\n");
+        starved = false;
     }
 
     if (!check_conformity(white))

@@ -25,6 +25,16 @@
 // no frame in Available_buffer (the stream driver has already reported
 // that) does nothing.
 //
+// Out of buffers: while clients together hold all image buffers but one,
+// every new frame is taken back at once ("ran out of buffers, free
+// current"), so that the driver keeps the one buffer it captures into; a
+// client waiting in VQXSI_GetNewScan then gets no frame until some client
+// gives a buffer back (or its 30 s bound passes). The first frame taken back
+// prints "All image buffers but one are held by clients: ..." to the
+// platform log, and the first frame kept again "A buffer is back: ...", so
+// that a platform engineer can tell this from a stalled engine. These two
+// lines, once each per episode, are the only output of the frame path.
+//
 // Threading: the sensor's own monitor is the driver's central lock; the
 // stream driver, buffer locker, available buffer and state manager forward
 // their monitors to it. The plain operations require the monitor to be held;
@@ -93,6 +103,7 @@ private:
     uint32_t nonconform_cnt = 0;      // consecutive frames missing the target
     bool stop_after_image = false;    // stop at the first conforming frame
     uint64_t frame_number = 0;        // frames seen by vsync_ist
+    bool starved = false;             // frames are being taken back (see below)
 };
 
 #endif

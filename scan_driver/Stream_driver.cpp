@@ -96,6 +96,11 @@ bool Stream_driver::sof_polling_mode() const
     return capture_mode >= 1 && capture_mode <= 3;
 }
 
+bool Stream_driver::triggered_mode() const
+{
+    return capture_mode == 6 || capture_mode == 7;
+}
+
 void Stream_driver::set_scan_state(Scan_state_t s)
 {
     state = s;
@@ -304,7 +309,10 @@ void Stream_driver::vsync_ist(int buffer)
         if (stop_scanning_check())
             return;
 
-        stall_count = stalled_count - 1;
+        // Streaming modes: once frames flow, a gap ends the scan as stalled
+        // without retries. Modes 6 and 7 trigger every frame: each trigger
+        // gets the retries of a first frame.
+        stall_count = triggered_mode() ? 0 : stalled_count - 1;
         capture_stall_alarm = monitor_base().alarm(*this, &Stream_driver::capture_stall,
                                                    MT_GetTickCount() + frame_gap_ms, 0);
         SD_ASSERT(driver.available_buffer->buffer_available(), "p_available", STREAM_LABEL,
@@ -318,11 +326,22 @@ void Stream_driver::vsync_ist(int buffer)
         frame_count = static_cast<int32_t>(static_cast<uint32_t>(frame_count) + 1);
         delivered = true;
     }
-    if ((buffer == 0 || delivered) && state == SCANNING
+    // Modes 6 and 7 trigger one frame at a time; an event without a buffer
+    // (a lost frame) triggers another. A frame withdrawn while it was
+    // delivered (no buffer to spare) has already armed and triggered the
+    // next one through buffer_free: one capture at a time.
+    if ((buffer == 0 || (delivered && pending_captures == 0)) && state == SCANNING
         && (capture_mode == 6 || capture_mode == 7)) {
         if (capture_next())
             trigger_once();
     }
+    // Modes 0 and 5 arm the next capture as soon as a frame is in (the
+    // sensor streams on by itself): waiting for a client to give a buffer
+    // back would stop the stream while clients hold frames and buffers are
+    // free. Without a free buffer, the next buffer_free resumes the scan.
+    if (delivered && state == SCANNING && (capture_mode == 0 || capture_mode == 5)
+        && pending_captures == 0)
+        capture_next();
 }
 
 void Stream_driver::vsync_notify(int buffer)
@@ -439,6 +458,14 @@ void Stream_driver::capture_stall()
     ++stall_count;
     if (stall_count < stalled_count
         && the_scan_driver->trait->check_stall(static_cast<int8_t>(stalled_count - 1 - stall_count))) {
+        if (triggered_mode() && pending_captures != 0) {
+            // The triggered frame was lost: trigger it again (a snapshot
+            // needs a new snapshot request; an armed fill buffer stays armed).
+            if (capture_mode == 6)
+                the_scan_driver->trait->start_snapshot();
+            trigger_once();
+            return;
+        }
         schedule_capture_stall();
         return;
     }

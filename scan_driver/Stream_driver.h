@@ -9,7 +9,9 @@
 // layers need.
 //
 // Capture modes (the number comes from the hardware layer's configuration):
-//   0, 5  fill buffer armed per capture, trigger_on once
+//   0, 5  fill buffer armed per capture, trigger_on once; the next buffer
+//         is armed as soon as a frame is delivered (or, when none is free,
+//         when a client gives one back)
 //   1     not implemented: the first capture fails, nothing is triggered
 //   2, 3  fill buffer armed per capture, start-of-frame polling every 1 ms;
 //         the next buffer is armed (and exposure updated) once two thirds of
@@ -17,6 +19,12 @@
 //   4     the hardware fills buffers on its own, trigger_on once
 //   6     trait start_snapshot per frame, trigger_once per frame
 //   7     fill buffer armed per capture, trigger_once per frame
+//         In modes 6 and 7 every triggered frame gets the stall retries of
+//         a first frame: when it does not come within the engine's resume
+//         time, the trait's check_stall runs and the frame is triggered
+//         again (mode 6 with a new snapshot request), three times before
+//         the scan counts as stalled. (The streaming modes count a gap
+//         after frames have flowed as a stall at once.)
 //
 // Users: the session and the power state manager (start/stop/wait), the
 // buffer locker (buffer_free), the hardware layer's callback thread
@@ -156,6 +164,7 @@ private:
 
     bool scan_state_not_stopping() const;
     bool sof_polling_mode() const;
+    bool triggered_mode() const;  // capture modes 6 and 7
     // Formats @p tick (default: now) as "seconds.milliseconds" into the
     // time-stamp buffer, under the own mutex, and traces it with @p format.
     // Does nothing while the silent channel is compiled out: the stamps run

@@ -107,16 +107,16 @@ TEST_F(State_test, ClosingTheLastSessionStopsTheStreamThenPowersOff)
         return m.increment_open_count() && m.increment_scanning_count(lights, exposure, false);
     }));
     vsync(101);
-    ASSERT_TRUE(client_unlock(client_take()));  // 101 armed again
+    ASSERT_TRUE(client_unlock(client_take()));  // 102 is armed
     calls();
     auto hardware = std::async(std::launch::async, [this] {
         if (wait_for_call("RequestStopScanning"))
-            vsync(101);  // completes the armed capture
+            vsync(102);  // completes the armed capture
     });
     locked([](State_manager& m) { m.decrement_open_count(true); });
     hardware.get();
-    EXPECT_EQ("RequestStopScanning vsync(101) trigger_off deinitialize_scanning StopScanning "
-              "ReleaseBuffer(101) power_off CloseSession",
+    EXPECT_EQ("RequestStopScanning vsync(102) trigger_off deinitialize_scanning StopScanning "
+              "ReleaseBuffer(102) power_off CloseSession",
               calls());
     EXPECT_EQ(IStream_driver::STOPPED, state());
     EXPECT_FALSE(locked([](State_manager& m) { return m.is_streaming(); }));

@@ -19,16 +19,16 @@ const std::string deinit = "trigger_off deinitialize_scanning StopScanning";
 
 } // namespace
 
-// Modes 0 and 5 arm one capture at start and then only when a buffer comes
-// free: the client's unlock restarts capture.
-TEST_F(Stream_test, Modes0And5ArmACaptureWhenTheClientFreesABuffer)
+// Modes 0 and 5 arm the next capture as soon as a frame is delivered (the
+// sensor streams on by itself), not when the client gives a buffer back.
+TEST_F(Stream_test, Modes0And5ArmTheNextCaptureAtEachFrame)
 {
     for (unsigned mode : {0u, 5u}) {
         SCOPED_TRACE(mode);
         start(mode);
         EXPECT_EQ((mode == 0 ? first_start : later_start) + " init_capture(101) trigger_on", calls());
         vsync(101);
-        EXPECT_EQ("vsync(101) " + sampled + " " + update, calls());
+        EXPECT_EQ("vsync(101) " + sampled + " " + update + " init_capture(102)", calls());
         EXPECT_EQ(hwl.frame(0), controller.image_at_sample.load());
         const _tagImageAttributes a = record(0)->attributes;
         const _tagImageAttributes expected = {40, 100, 10, 100, 255, height, width, a.frame_number, 0, 0, 0};
@@ -38,13 +38,15 @@ TEST_F(Stream_test, Modes0And5ArmACaptureWhenTheClientFreesABuffer)
         ASSERT_EQ(record(0), got);
         EXPECT_EQ(ScanBufferInfo::CLIENT, got->owner);
         EXPECT_TRUE(client_unlock(got));
-        EXPECT_EQ("ReleaseBuffer(101) init_capture(101) trigger_on", calls());
-        vsync(101);  // only every third frame updates the exposure
-        EXPECT_EQ("vsync(101) " + sampled, calls());
-        EXPECT_EQ(a.frame_number + 1, record(0)->attributes.frame_number);
+        EXPECT_EQ("ReleaseBuffer(101)", calls());  // a capture is armed already
+        vsync(102);  // only every third frame updates the exposure
+        EXPECT_EQ("vsync(102) " + sampled + " init_capture(101)", calls());
+        EXPECT_EQ(a.frame_number + 1, record(1)->attributes.frame_number);
 
-        EXPECT_TRUE(stream->stop_scanning());
-        EXPECT_EQ("RequestStopScanning " + deinit + " ReleaseBuffer(101)", calls());
+        EXPECT_TRUE(stream->stop_scanning());  // a capture is still armed
+        EXPECT_EQ(IStream_driver::STOPPING, state());
+        vsync(101);
+        EXPECT_EQ("RequestStopScanning vsync(101) ReleaseBuffer(102) " + deinit + " ReleaseBuffer(101)", calls());
         EXPECT_EQ(IStream_driver::STOPPED, state());
         EXPECT_FALSE(stream->stop_scanning());
         expect_buffers_returned();
