@@ -177,6 +177,12 @@ enum VQX_EXPOSURE_MODE {
  * its blocking bound adds to the one given for each function below. A
  * VQXSI_GetNewScan waiting for a frame keeps its session busy for up to
  * 30 s; calls on other sessions are not held up by it.
+ *
+ * Handles are checked: a handle that is not an open session (NULL, closed
+ * already, never opened, or any other value) makes every function that
+ * takes one return 0 (or NULL) with errno set to EINVAL, touching nothing
+ * ("stale handle" below); the exceptions are the NULL forms of the sleep
+ * time-out functions and VQXSI_CloseSessionWithScanEngine(NULL).
  */
 
 /*
@@ -205,7 +211,10 @@ VQXSI_API VQXSI_HANDLE VQXSI_OpenSessionWithScanEngine(void);
  * powered down when no other session is open.
  *
  * handle: a handle from VQXSI_OpenSessionWithScanEngine; NULL is accepted
- *         and does nothing.
+ *         and does nothing. A handle that is not an open session (closed
+ *         already, never opened) changes nothing and sets errno to EINVAL.
+ *         A call on the session still in progress in another thread
+ *         finishes first.
  * Blocks: up to 2 s waiting for a running scan to stop, plus the session's
  * call in progress, and while another thread opens or closes a session.
  */
@@ -224,10 +233,18 @@ VQXSI_API void VQXSI_CloseSessionWithScanEngine(VQXSI_HANDLE handle);
  * Result: the frame's address, or NULL when the session is not scanning
  *         (at once), no frame came within 30 s, the capture stalled (before
  *         the first frame after the engine's resume time and its retries,
- *         afterwards 2 s after the last frame), the stream is stopped (its
- *         start failed, or a single-image scan ended it: at once), or every
- *         buffer is held by the client (at once: give frames back).
- * errno: EINVAL for a NULL handle.
+ *         afterwards 2 s after the last frame; in capture modes 6 and 7
+ *         every triggered frame gets the retries), the stream is stopped
+ *         (its start failed, or a single-image scan ended it: at once), the
+ *         engine's capture mode cannot capture (capture mode 1: at once),
+ *         or every buffer is held by the client (at once: give frames back).
+ *         While clients (of all sessions together) hold every buffer but
+ *         one, the driver keeps that one to capture into and takes each new
+ *         frame back at once: this call then waits until some client gives
+ *         a buffer back (or 30 s), and the platform log says "All image
+ *         buffers but one are held by clients".
+ * errno: EINVAL for a handle that is not an open session (NULL, closed,
+ *        never opened); otherwise unchanged.
  * Blocks: up to 30 s.
  */
 VQXSI_API void* VQXSI_GetNewScan(VQXSI_HANDLE handle);
@@ -245,7 +262,7 @@ VQXSI_API void* VQXSI_GetNewScan(VQXSI_HANDLE handle);
  * stays held; if no frame came, the scan lock is released but the start is
  * not undone (call VQXSI_StopScanning).
  *
- * errno: EINVAL for a NULL handle.
+ * errno: EINVAL for a NULL or stale handle.
  * Blocks: as VQXSI_StartScanning followed by VQXSI_GetNewScan (up to 30 s).
  */
 VQXSI_API void* VQXSI_GetSingleFrame(VQXSI_HANDLE handle);
@@ -259,8 +276,10 @@ VQXSI_API void* VQXSI_GetSingleFrame(VQXSI_HANDLE handle);
  *
  * Result: 1 for any valid session: the start is recorded. When the engine
  * refuses to stream, the start stays recorded (the driver tries the stream
- * again at its next power check) and VQXSI_GetNewScan answers NULL at once.
- * errno: EINVAL for a NULL handle.
+ * again at its next power check) and VQXSI_GetNewScan answers NULL at once;
+ * so it does when the engine's capture mode cannot capture (capture mode 1,
+ * reported as "This capture mode is not implemented." in the platform log).
+ * errno: EINVAL for a NULL or stale handle.
  * Blocks: while the engine wakes or powers up (tens of milliseconds).
  */
 VQXSI_API VQXSI_BOOL VQXSI_StartScanning(VQXSI_HANDLE handle);
@@ -271,7 +290,7 @@ VQXSI_API VQXSI_BOOL VQXSI_StartScanning(VQXSI_HANDLE handle);
  * holds, unless an extra scan lock is held (see VQXSI_GetSingleFrame).
  *
  * Result: 1, or 0 when the session was not scanning.
- * errno: EINVAL for a NULL handle.
+ * errno: EINVAL for a NULL or stale handle.
  * Blocks: no longer than the session's call in progress.
  */
 VQXSI_API VQXSI_BOOL VQXSI_StopScanning(VQXSI_HANDLE handle);
@@ -283,7 +302,7 @@ VQXSI_API VQXSI_BOOL VQXSI_StopScanning(VQXSI_HANDLE handle);
  * Result: 1, or 0 when the address is no frame of the driver, the frame is
  * not held by the client (given back already, or reclaimed when scanning
  * ended).
- * errno: EINVAL for a NULL handle.
+ * errno: EINVAL for a NULL or stale handle.
  * Blocks: no longer than the session's call in progress.
  */
 VQXSI_API VQXSI_BOOL VQXSI_UnlockBuffer(VQXSI_HANDLE handle, void* buffer);
@@ -295,7 +314,7 @@ VQXSI_API VQXSI_BOOL VQXSI_UnlockBuffer(VQXSI_HANDLE handle, void* buffer);
  * applies at the next start.
  *
  * Result: 1.
- * errno: EINVAL for a NULL handle (result 0).
+ * errno: EINVAL for a NULL or stale handle (result 0).
  * Blocks: no longer than the session's call in progress.
  */
 VQXSI_API VQXSI_BOOL VQXSI_SetExposureMode(VQXSI_HANDLE handle, uint32_t mode);
@@ -307,7 +326,7 @@ VQXSI_API VQXSI_BOOL VQXSI_SetExposureMode(VQXSI_HANDLE handle, uint32_t mode);
  * from sleeping until it is set back to 0 or the session closes.
  *
  * Result: 1.
- * errno: EINVAL for a NULL handle or a NULL lights (result 0).
+ * errno: EINVAL for a NULL or stale handle or a NULL lights (result 0).
  * Blocks: no longer than the session's call in progress.
  */
 VQXSI_API VQXSI_BOOL VQXSI_SetLights(VQXSI_HANDLE handle, VQX_SCANNER_LIGHTING* lights);
@@ -317,7 +336,7 @@ VQXSI_API VQXSI_BOOL VQXSI_SetLights(VQXSI_HANDLE handle, VQX_SCANNER_LIGHTING* 
  * lights->size to n.
  *
  * Result: 1.
- * errno: EINVAL for a NULL handle or a NULL lights (result 0).
+ * errno: EINVAL for a NULL or stale handle or a NULL lights (result 0).
  * Blocks: no longer than the session's call in progress.
  */
 VQXSI_API VQXSI_BOOL VQXSI_GetLights(VQXSI_HANDLE handle, VQX_SCANNER_LIGHTING* lights);
@@ -331,7 +350,7 @@ VQXSI_API VQXSI_BOOL VQXSI_GetLights(VQXSI_HANDLE handle, VQX_SCANNER_LIGHTING* 
  * size:  the array's size in bytes.
  * Result: 1 (also when tags were skipped). A running scan of this session
  * applies the change at once; otherwise it applies at the next start.
- * errno: EINVAL for a NULL handle, or a NULL pairs with size 8 or more
+ * errno: EINVAL for a NULL or stale handle, or a NULL pairs with size 8 or more
  * (result 0).
  * Blocks: no longer than the session's call in progress.
  */
@@ -345,7 +364,7 @@ VQXSI_API VQXSI_BOOL VQXSI_SetExposureSettings(VQXSI_HANDLE handle, const uint32
  * ES_FIXED_GAIN in whole gain steps (truncated).
  *
  * Result: 1.
- * errno: EINVAL for a NULL handle, or a NULL pairs with size 8 or more
+ * errno: EINVAL for a NULL or stale handle, or a NULL pairs with size 8 or more
  * (result 0).
  * Blocks: no longer than the session's call in progress.
  */
@@ -358,10 +377,11 @@ VQXSI_API VQXSI_BOOL VQXSI_GetExposureSettings(VQXSI_HANDLE handle, uint32_t* pa
  * bytes of the session's record: the caller's record may be shorter (only
  * the fields it holds are written) or longer (the bytes past 224 read 0).
  * buffer_count is the number of image buffers the driver has loaded, 0
- * before the engine has streamed for the first time.
+ * before the engine has streamed for the first time; from then on every
+ * session reads the number, also a session opened before that first scan.
  *
  * Result: 1.
- * errno: EINVAL for a NULL handle, or a NULL properties with a non-zero size
+ * errno: EINVAL for a NULL or stale handle, or a NULL properties with a non-zero size
  * (result 0).
  * Blocks: no longer than the session's call in progress.
  */
@@ -392,7 +412,7 @@ VQXSI_API const char* VQXSI_RevisionString(void);
  *         session); NULL: sets the default that the driver takes when the
  *         first session of the process (or the first after all were closed)
  *         is opened. The default starts as 0.
- * Result: 1.
+ * Result: 1 (0 with errno EINVAL for a stale handle).
  * Blocks: with a session, no longer than its call in progress; with NULL,
  * while another thread opens or closes a session.
  */
@@ -404,7 +424,8 @@ VQXSI_API VQXSI_BOOL VQXSI_SetSleepTimeout(VQXSI_HANDLE handle, uint32_t millise
  * VQXSI_SetSleepTimeout(NULL, ...), 0 if none).
  *
  * Result: 1.
- * errno: EINVAL for a NULL milliseconds (result 0), also with a NULL handle.
+ * errno: EINVAL for a NULL milliseconds (result 0), also with a NULL handle,
+ *        and for a stale handle.
  * Blocks: as VQXSI_SetSleepTimeout.
  */
 VQXSI_API VQXSI_BOOL VQXSI_GetSleepTimeout(VQXSI_HANDLE handle, uint32_t* milliseconds);

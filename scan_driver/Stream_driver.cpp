@@ -197,6 +197,11 @@ bool Stream_driver::capture_next()
         return true;
     default:
         dbg_output("This capture mode is not implemented.\r\n");
+        // No frame will ever come: the scan counts as stalled at once, so a
+        // client waiting for a frame gets none at once instead of after its
+        // 30 s bound.
+        stall_count = stalled_count;
+        notify();
         return false;
     }
 }
@@ -335,12 +340,15 @@ void Stream_driver::vsync_ist(int buffer)
         if (capture_next())
             trigger_once();
     }
-    // Modes 0 and 5 arm the next capture as soon as a frame is in (the
-    // sensor streams on by itself): waiting for a client to give a buffer
-    // back would stop the stream while clients hold frames and buffers are
-    // free. Without a free buffer, the next buffer_free resumes the scan.
-    if (delivered && state == SCANNING && (capture_mode == 0 || capture_mode == 5)
-        && pending_captures == 0)
+    // The streaming modes with fill buffers keep one capture armed: modes 0
+    // and 5 arm the next one as soon as a frame is in; modes 2 and 3 do it
+    // at the inter-frame point, and here when that point was missed (the
+    // poll came late and the frame ended first). Waiting for a client to
+    // give a buffer back instead would stop the stream while clients hold
+    // frames and buffers are free. Without a free buffer, the next
+    // buffer_free resumes the scan.
+    if (delivered && state == SCANNING && pending_captures == 0
+        && (capture_mode == 0 || capture_mode == 2 || capture_mode == 3 || capture_mode == 5))
         capture_next();
 }
 

@@ -12,10 +12,14 @@
 //   0, 5  fill buffer armed per capture, trigger_on once; the next buffer
 //         is armed as soon as a frame is delivered (or, when none is free,
 //         when a client gives one back)
-//   1     not implemented: the first capture fails, nothing is triggered
+//   1     not implemented: the first capture fails, nothing is triggered,
+//         and the scan counts as stalled at once (stalled()), so waiting
+//         clients are answered at once
 //   2, 3  fill buffer armed per capture, start-of-frame polling every 1 ms;
 //         the next buffer is armed (and exposure updated) once two thirds of
-//         the frame have arrived
+//         the frame have arrived; when the poll misses that point (the frame
+//         ended first), the next buffer is armed at the frame's vsync and
+//         that frame updates no exposure
 //   4     the hardware fills buffers on its own, trigger_on once
 //   6     trait start_snapshot per frame, trigger_once per frame
 //   7     fill buffer armed per capture, trigger_once per frame

@@ -2,8 +2,14 @@
 // revision texts, and the three composite operations (single frame, exposure
 // mode, engine properties). Everything else is one call on the session.
 //
-// A session handle is the address of a Scan_session. Checked null handles
-// set errno to EINVAL and return 0 (or null). Decisions beyond that:
+// A session handle is the address of a Scan_session. Every function that
+// takes a handle looks it up among the open sessions first
+// (Session_registry): a null handle, or one that is not an open session
+// (closed, never opened, garbage), sets errno to EINVAL and returns 0 (or
+// null) without touching anything; VQXSI_CloseSessionWithScanEngine of such
+// a handle does nothing but set errno (EINVAL; a null handle leaves errno
+// alone). A call in progress keeps its session from being destroyed by a
+// concurrent close until it returns. Decisions beyond that:
 //  - VQXSI_GetSingleFrame and VQXSI_SetExposureMode also check the handle
 //    (a null handle is EINVAL, not a crash).
 //  - A null record or array pointer where one is needed (lights, pairs with a
@@ -28,6 +34,7 @@
 #include "Exposure_settings.h"
 #include "Exposure_tags.h"
 #include "State_manager.h"
+#include "Session_registry.h"
 #include "scan_session.h"
 
 // Revision texts of the driver.
@@ -54,15 +61,16 @@ namespace {
 // Serialises session open and close against each other.
 std::mutex mtx;
 
-Scan_session* session_of(VQXSI_HANDLE handle)
-{
-    return reinterpret_cast<Scan_session*>(handle);
-}
-
 VQXSI_BOOL einval()
 {
     errno = EINVAL;
     return 0;
+}
+
+void* einval_null()
+{
+    errno = EINVAL;
+    return nullptr;
 }
 
 VQXSI_BOOL truth(bool value)
@@ -77,31 +85,38 @@ extern "C" {
 VQXSI_HANDLE VQXSI_OpenSessionWithScanEngine(void)
 {
     std::lock_guard<std::mutex> lock(mtx);
-    return reinterpret_cast<VQXSI_HANDLE>(Scan_session::open_session());
+    Scan_session* session = Scan_session::open_session();
+    if (session)
+        Session_registry::instance().add(session);
+    return reinterpret_cast<VQXSI_HANDLE>(session);
 }
 
 void VQXSI_CloseSessionWithScanEngine(VQXSI_HANDLE handle)
 {
+    if (!handle)
+        return;
     std::lock_guard<std::mutex> lock(mtx);
-    delete session_of(handle);
+    Scan_session* session = Session_registry::instance().remove(handle);
+    if (!session) {
+        errno = EINVAL;
+        return;
+    }
+    delete session;
 }
 
 void* VQXSI_GetNewScan(VQXSI_HANDLE handle)
 {
-    if (!handle) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    return session_of(handle)->Get_new_frame();
+    Session_use session(handle);
+    if (!session)
+        return einval_null();
+    return session->Get_new_frame();
 }
 
 void* VQXSI_GetSingleFrame(VQXSI_HANDLE handle)
 {
-    if (!handle) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    Scan_session* session = session_of(handle);
+    Session_use session(handle);
+    if (!session)
+        return einval_null();
     if (!session->Scan_lock())
         return nullptr;
     if (!session->Start_scanning(true))
@@ -114,30 +129,33 @@ void* VQXSI_GetSingleFrame(VQXSI_HANDLE handle)
 
 VQXSI_BOOL VQXSI_StartScanning(VQXSI_HANDLE handle)
 {
-    if (!handle)
+    Session_use session(handle);
+    if (!session)
         return einval();
-    return truth(session_of(handle)->Start_scanning(false));
+    return truth(session->Start_scanning(false));
 }
 
 VQXSI_BOOL VQXSI_StopScanning(VQXSI_HANDLE handle)
 {
-    if (!handle)
+    Session_use session(handle);
+    if (!session)
         return einval();
-    return truth(session_of(handle)->Stop_scanning());
+    return truth(session->Stop_scanning());
 }
 
 VQXSI_BOOL VQXSI_UnlockBuffer(VQXSI_HANDLE handle, void* buffer)
 {
-    if (!handle)
+    Session_use session(handle);
+    if (!session)
         return einval();
-    return truth(session_of(handle)->Unlock_buffer(buffer));
+    return truth(session->Unlock_buffer(buffer));
 }
 
 VQXSI_BOOL VQXSI_SetExposureMode(VQXSI_HANDLE handle, uint32_t mode)
 {
-    if (!handle)
+    Session_use session(handle);
+    if (!session)
         return einval();
-    Scan_session* session = session_of(handle);
     Exposure_settings local;
     std::memset(static_cast<void*>(&local), 0, sizeof local);
     local.size = sizeof local;
@@ -149,41 +167,46 @@ VQXSI_BOOL VQXSI_SetExposureMode(VQXSI_HANDLE handle, uint32_t mode)
 
 VQXSI_BOOL VQXSI_SetLights(VQXSI_HANDLE handle, VQX_SCANNER_LIGHTING* lights)
 {
-    if (!handle || !lights)
+    Session_use session(handle);
+    if (!session || !lights)
         return einval();
-    return truth(session_of(handle)->Set_lights(*lights));
+    return truth(session->Set_lights(*lights));
 }
 
 VQXSI_BOOL VQXSI_GetLights(VQXSI_HANDLE handle, VQX_SCANNER_LIGHTING* lights)
 {
-    if (!handle || !lights)
+    Session_use session(handle);
+    if (!session || !lights)
         return einval();
-    return truth(session_of(handle)->Get_lights(*lights));
+    return truth(session->Get_lights(*lights));
 }
 
 VQXSI_BOOL VQXSI_SetExposureSettings(VQXSI_HANDLE handle, const uint32_t* pairs, uint32_t size)
 {
-    if (!handle || (!pairs && size >= 8))
+    Session_use session(handle);
+    if (!session || (!pairs && size >= 8))
         return einval();
-    return truth(ExposureSetTags(session_of(handle), pairs, size) != 0);
+    return truth(ExposureSetTags(session.get(), pairs, size) != 0);
 }
 
 VQXSI_BOOL VQXSI_GetExposureSettings(VQXSI_HANDLE handle, uint32_t* pairs, uint32_t size)
 {
-    if (!handle || (!pairs && size >= 8))
+    Session_use session(handle);
+    if (!session || (!pairs && size >= 8))
         return einval();
-    return truth(ExposureGetTags(session_of(handle), pairs, size) != 0);
+    return truth(ExposureGetTags(session.get(), pairs, size) != 0);
 }
 
 VQXSI_BOOL VQXSI_GetScanEnginePropertiesEx(VQXSI_HANDLE handle, VQX_SCANENGINE_PROPERTIES_EX* properties,
                                            uint32_t size)
 {
-    if (!handle || (!properties && size != 0))
+    Session_use session(handle);
+    if (!session || (!properties && size != 0))
         return einval();
     if (size == 0)
         return 1;
     std::memset(properties, 0, size);
-    const VQX_SCANENGINE_PROPERTIES_EX* own = session_of(handle)->Get_properties();
+    const VQX_SCANENGINE_PROPERTIES_EX* own = session->Get_properties();
     const size_t n = size < sizeof *own ? size : sizeof *own;
     std::memcpy(properties, own, n);
     return 1;
@@ -209,7 +232,10 @@ VQXSI_BOOL VQXSI_SetSleepTimeout(VQXSI_HANDLE handle, uint32_t milliseconds)
         State_manager::g_msSleepTimeout = milliseconds;
         return 1;
     }
-    return truth(session_of(handle)->Set_sleep_timeout(milliseconds));
+    Session_use session(handle);
+    if (!session)
+        return einval();
+    return truth(session->Set_sleep_timeout(milliseconds));
 }
 
 VQXSI_BOOL VQXSI_GetSleepTimeout(VQXSI_HANDLE handle, uint32_t* milliseconds)
@@ -221,8 +247,11 @@ VQXSI_BOOL VQXSI_GetSleepTimeout(VQXSI_HANDLE handle, uint32_t* milliseconds)
         *milliseconds = static_cast<uint32_t>(State_manager::g_msSleepTimeout);
         return 1;
     }
+    Session_use session(handle);
+    if (!session)
+        return einval();
     unsigned int ms = 0;
-    const bool ok = session_of(handle)->Get_sleep_timeout(ms);
+    const bool ok = session->Get_sleep_timeout(ms);
     if (ok)
         *milliseconds = ms;
     return truth(ok);

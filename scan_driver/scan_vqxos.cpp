@@ -215,6 +215,10 @@ bool Scan_session_body_vqxos::Get_exposure(Exposure_settings& out) const
 
 const VQX_SCANENGINE_PROPERTIES_EX* Scan_session_body_vqxos::Get_properties() const
 {
+    // The buffers are loaded when the engine first streams, maybe after this
+    // session was opened: from then on every session reports their number.
+    if (properties.buffer_count == 0)
+        properties.buffer_count = static_cast<uint32_t>(the_scan_driver->buffer_locker->num_buffers());
     return &properties;
 }
 

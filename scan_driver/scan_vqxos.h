@@ -55,7 +55,9 @@ private:
     };
 
     uint64_t lock_cnt = 0;                       ///< scan locks held
-    VQX_SCANENGINE_PROPERTIES_EX properties{};   ///< this client's copy
+    /// This client's copy; buffer_count is filled in by Get_properties once
+    /// the engine has streamed (mutable for that).
+    mutable VQX_SCANENGINE_PROPERTIES_EX properties{};
     // Frame number at the first start of scanning; kept for diagnostics.
     uint32_t frame_mark = 0;
     uint32_t reserved = 0;

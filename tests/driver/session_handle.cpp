@@ -9,6 +9,7 @@
 
 #include <VQXScanInterface.h>
 
+#include "Exposure_tags.h"
 #include "Scan_session_body.h"
 #include "scan_session.h"
 #include "test_scope.h"
@@ -115,10 +116,12 @@ TEST(SessionHandle, LightsAndExposureCopyAtMostTheSmallerRecord)
     EXPECT_EQ(3u, got.mode);
 }
 
-// Every exported call fails on a null handle with EINVAL and on an
-// uninitialised session with errno 1, except that the tag and property
-// calls report 1 for any session (values and properties then read as 0)
-// and the revision query ignores the handle.
+// Every exported call refuses a handle that is not an open session (NULL, an
+// uninitialised session object, any other address) with EINVAL and touches
+// nothing; only the NULL forms of the sleep time-out and the revision query
+// (which ignores the handle) succeed. Below the C interface, an
+// uninitialised session reports itself and sets errno 1, except that the
+// tag and property functions answer 1 (values and properties read as 0).
 TEST(SessionHandle, NullAndUninitialisedHandles)
 {
     Output_capture output;
@@ -128,64 +131,75 @@ TEST(SessionHandle, NullAndUninitialisedHandles)
     static uint32_t pairs[2], ms;
     static VQX_SCANENGINE_PROPERTIES_EX properties;
     static int dummy;
-    // With an uninitialised session; NULL_ONLY / UNINITIALISED_ONLY: the
-    // other handle is not tried (a NULL handle sets the default time-out).
-    enum { FAILS, SUCCEEDS, NULL_ONLY, UNINITIALISED_ONLY };
-    const struct { const char* name; int uninitialised; bool (*failed)(VQXSI_HANDLE); } calls[] = {
+    enum { FAILS, NULL_SUCCEEDS };
+    const struct { const char* name; int null_handle; bool (*failed)(VQXSI_HANDLE); } calls[] = {
         {"GetNewScan", FAILS, [](VQXSI_HANDLE h) { return VQXSI_GetNewScan(h) == nullptr; }},
         {"GetSingleFrame", FAILS, [](VQXSI_HANDLE h) { return VQXSI_GetSingleFrame(h) == nullptr; }},
         {"StartScanning", FAILS, [](VQXSI_HANDLE h) { return VQXSI_StartScanning(h) == 0; }},
         {"StopScanning", FAILS, [](VQXSI_HANDLE h) { return VQXSI_StopScanning(h) == 0; }},
-        {"UnlockBuffer", FAILS, [](VQXSI_HANDLE h) { return VQXSI_UnlockBuffer(h, h ? &dummy : nullptr) == 0; }},
+        {"UnlockBuffer", FAILS, [](VQXSI_HANDLE h) { return VQXSI_UnlockBuffer(h, &dummy) == 0; }},
         {"SetExposureMode", FAILS, [](VQXSI_HANDLE h) { return VQXSI_SetExposureMode(h, 2) == 0; }},
         {"SetLights", FAILS, [](VQXSI_HANDLE h) { return VQXSI_SetLights(h, &lights) == 0; }},
         {"GetLights", FAILS, [](VQXSI_HANDLE h) { return VQXSI_GetLights(h, &lights) == 0; }},
-        {"SetSleepTimeout", UNINITIALISED_ONLY, [](VQXSI_HANDLE h) { return VQXSI_SetSleepTimeout(h, 5) == 0; }},
-        {"GetSleepTimeout", FAILS, [](VQXSI_HANDLE h) { return VQXSI_GetSleepTimeout(h, h ? &ms : nullptr) == 0; }},
-        {"SetExposureSettings", SUCCEEDS,
+        {"SetSleepTimeout", NULL_SUCCEEDS, [](VQXSI_HANDLE h) { return VQXSI_SetSleepTimeout(h, 5) == 0; }},
+        {"GetSleepTimeout", NULL_SUCCEEDS, [](VQXSI_HANDLE h) { return VQXSI_GetSleepTimeout(h, &ms) == 0; }},
+        {"SetExposureSettings", FAILS,
          [](VQXSI_HANDLE h) { return VQXSI_SetExposureSettings(h, pairs, sizeof pairs) == 0; }},
-        {"GetExposureSettings", SUCCEEDS,
+        {"GetExposureSettings", FAILS,
          [](VQXSI_HANDLE h) { return VQXSI_GetExposureSettings(h, pairs, sizeof pairs) == 0; }},
-        {"GetScanEngineProperties", SUCCEEDS,
+        {"GetScanEngineProperties", FAILS,
          [](VQXSI_HANDLE h) { return VQXSI_GetScanEnginePropertiesEx(h, &properties, sizeof properties) == 0; }},
-        {"GetScanDriverRevision", NULL_ONLY, [](VQXSI_HANDLE h) { return VQXSI_GetScanDriverRevision(h, nullptr) == 0; }},
     };
     const VQXSI_HANDLE uninitialised = reinterpret_cast<VQXSI_HANDLE>(static_cast<Scan_session*>(&empty));
+    const VQXSI_HANDLE garbage = reinterpret_cast<VQXSI_HANDLE>(&dummy);
     lights = {28, 1, 1, 1, 1, 1, 1};
     ms = 77;
     pairs[0] = ES_TARGET_VALUE;
     pairs[1] = 5;
     std::memset(&properties, 0x5A, sizeof properties);
+    const VQX_SCANENGINE_PROPERTIES_EX untouched = properties;
     for (const auto& call : calls) {
         SCOPED_TRACE(call.name);
-        errno = 0;
-        if (call.uninitialised != UNINITIALISED_ONLY) {
-            EXPECT_TRUE(call.failed(nullptr));
+        for (VQXSI_HANDLE h : {uninitialised, garbage}) {
+            errno = 0;
+            EXPECT_TRUE(call.failed(h));
             EXPECT_EQ(EINVAL, errno);
         }
-        if (call.uninitialised == NULL_ONLY)
-            continue;
         errno = 0;
-        EXPECT_EQ(call.uninitialised != SUCCEEDS, call.failed(uninitialised));
-        if (call.uninitialised != SUCCEEDS) {
-            EXPECT_EQ(1, errno);
-        }
+        EXPECT_EQ(call.null_handle == FAILS, call.failed(nullptr));
+        EXPECT_EQ(call.null_handle == FAILS ? EINVAL : 0, errno);
+        ms = 77;
     }
     EXPECT_EQ(1u, lights.scanning_mode);  // untouched
-    EXPECT_EQ(77u, ms);
-    EXPECT_EQ(0u, pairs[1]);
-    const VQX_SCANENGINE_PROPERTIES_EX zero{};
-    EXPECT_EQ(0, std::memcmp(&zero, &properties, sizeof zero));
-    EXPECT_GE(output.count("Attempt to use an uninitialzed session"), 12u);
-    EXPECT_GE(output.count("Session_lock::Session_lock failed jni/../scan_session:16"), 10u);
+    EXPECT_EQ(5u, pairs[1]);
+    EXPECT_EQ(0, std::memcmp(&untouched, &properties, sizeof properties));
+    EXPECT_EQ(0u, output.count("Attempt to use an uninitialzed session"));  // never dereferenced
 
-    // Closing an uninitialised handle destroys only the handle.
-    VQXSI_CloseSessionWithScanEngine(reinterpret_cast<VQXSI_HANDLE>(static_cast<Scan_session*>(new Test_handle)));
+    // Closing a handle that is no open session changes nothing.
+    errno = 0;
+    VQXSI_CloseSessionWithScanEngine(uninitialised);
+    EXPECT_EQ(EINVAL, errno);
+    errno = 0;
     VQXSI_CloseSessionWithScanEngine(nullptr);
+    EXPECT_EQ(0, errno);
     char revision[8];
     EXPECT_EQ(1, VQXSI_GetScanDriverRevision(nullptr, revision));
     EXPECT_STREQ("2.138", revision);
     EXPECT_STREQ("Revision: 2.138", VQXSI_RevisionString());
+
+    // The session layer itself: an uninitialised session says so.
+    errno = 0;
+    EXPECT_EQ(nullptr, empty.Get_new_frame());
+    EXPECT_EQ(1, errno);
+    EXPECT_FALSE(empty.Start_scanning(false));
+    EXPECT_FALSE(empty.Set_lights(lights));
+    EXPECT_EQ(1u, ExposureSetTags(&empty, pairs, sizeof pairs));
+    EXPECT_EQ(1u, ExposureGetTags(&empty, pairs, sizeof pairs));
+    EXPECT_EQ(0u, pairs[1]);
+    const VQX_SCANENGINE_PROPERTIES_EX zero{};
+    EXPECT_EQ(0, std::memcmp(&zero, empty.Get_properties(), sizeof zero));
+    EXPECT_GE(output.count("Attempt to use an uninitialzed session"), 4u);
+    EXPECT_GE(output.count("Session_lock::Session_lock failed jni/../scan_session:16"), 3u);
 }
 
 } // namespace

@@ -83,7 +83,7 @@ std::vector<Case> all_cases()
     std::vector<Case> cases;
     for (const Engine& e : kEngines) {
         for (unsigned mode : e.modes) {
-            Case c{Check::truth, &e, mode};
+            Case c{Check::truth, &e, mode, "barcode", 1.0, 2, ""};
             cases.push_back(c);
             c.faults = "drop=*7,duplicate=*5";
             cases.push_back(c);
@@ -191,7 +191,8 @@ protected:
             // With the aimer on, the aimer pattern is the brightest 3% of a
             // uniform scene's samples, and all that the centre method samples
             // of the barcode: it sets the white value. Light the scene evenly.
-            VQX_SCANNER_LIGHTING lights = {sizeof lights};
+            VQX_SCANNER_LIGHTING lights{};
+            lights.size = sizeof lights;
             VQXSI_GetLights(s, &lights);
             lights.scanning_mode = VQX_LIGHTS_ILLUMINATION;
             VQXSI_SetLights(s, &lights);
