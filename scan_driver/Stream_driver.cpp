@@ -299,7 +299,12 @@ void Stream_driver::vsync_ist(int buffer)
             silent_trace("vsync_ist: buffer %d was already delivered, event ignored", buffer);
             return;
         }
-        capture_stall_alarm.cancel();
+        // While stopping, the alarm is the stop's bound (ensure_stop_ends):
+        // frames that keep coming (the hardware fills buffers on its own in
+        // mode 4) must not push it back.
+        const bool stopping = state == STOPPING;
+        if (!stopping)
+            capture_stall_alarm.cancel();
         driver.available_buffer->set_p_available(p_info);
 
         int tracked = 0;
@@ -317,9 +322,11 @@ void Stream_driver::vsync_ist(int buffer)
         // Streaming modes: once frames flow, a gap ends the scan as stalled
         // without retries. Modes 6 and 7 trigger every frame: each trigger
         // gets the retries of a first frame.
-        stall_count = triggered_mode() ? 0 : stalled_count - 1;
-        capture_stall_alarm = monitor_base().alarm(*this, &Stream_driver::capture_stall,
-                                                   MT_GetTickCount() + frame_gap_ms, 0);
+        if (!stopping) {
+            stall_count = triggered_mode() ? 0 : stalled_count - 1;
+            capture_stall_alarm = monitor_base().alarm(*this, &Stream_driver::capture_stall,
+                                                       MT_GetTickCount() + frame_gap_ms, 0);
+        }
         SD_ASSERT(driver.available_buffer->buffer_available(), "p_available", STREAM_LABEL,
                   __LINE__);
         if (!sof_polling_mode())

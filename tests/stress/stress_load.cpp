@@ -46,7 +46,14 @@ constexpr long kFrameWaitBound = 30000 + 6000;
 constexpr long kStallGiveUpBound = 2000 + 4 * 150 + 8000;
 constexpr long kCallBound = 2 * 2000 + 4000;
 constexpr long kQuietStopBound = 2000 + 2000 + 3000;
-constexpr unsigned kMaxHeld = 2;
+constexpr unsigned kBuffers = 4;
+// Frames the clients together hold at most: every buffer but two, so that
+// frames keep reaching clients (with all but one held, each new frame is
+// taken back until a buffer comes back: the misuse suite and the stream
+// tests cover that case on their own, deterministically).
+constexpr unsigned kHoldBudget = kBuffers - 2;
+// Longest wait for a frame in the liveness probe of a quiet point.
+constexpr long kProbeBound = 6000;
 constexpr uint64_t kUncertain = ~uint64_t(0);
 
 // ---------------------------------------------------------------------------
@@ -77,7 +84,7 @@ struct Held {
 struct Counts {
     std::atomic<uint64_t> calls{0}, handed_certain{0}, handed_uncertain{0}, null_frames{0},
         unlocks{0}, starts{0}, stops{0}, single_frames{0}, reopens{0}, misuses{0},
-        quiet_points{0};
+        quiet_points{0}, probes{0}, storms{0}, stale_calls{0};
 };
 
 class Load {
@@ -89,6 +96,19 @@ private:
     // Set-up and checks.
     void build_engine();
     std::string quiet_check(const char* where);
+    std::string liveness_probe();
+    // The frames a client holds: client c keeps at most min(c, budget) of
+    // them (0 for client 0), all clients together at most kHoldBudget.
+    unsigned hold_limit(unsigned me) const { return std::min(me, kHoldBudget); }
+    bool reserve_frame()
+    {
+        unsigned n = held_total.load();
+        while (n < kHoldBudget)
+            if (held_total.compare_exchange_weak(n, n + 1))
+                return true;
+        return false;
+    }
+    void unreserve_frame() { held_total.fetch_sub(1); }
     std::string final_check();
     [[noreturn]] void watchdog_failure(const std::string& what);
     void watchdog();
@@ -123,11 +143,16 @@ private:
     void op_exposure(unsigned me, std::mt19937_64& rng);
     void op_sleep(unsigned me, std::mt19937_64& rng);
     void op_bad_unlock(unsigned me, std::vector<Held>& held, std::mt19937_64& rng);
+    void op_storm(unsigned me, std::mt19937_64& rng);
+    void op_stale_handle(unsigned me, std::mt19937_64& rng);
 
     long now_ms() const { return sim_client::elapsed_ms(begin); }
 
     const Options opt;
     const Clock::time_point begin = Clock::now();
+    std::atomic<unsigned> held_total{0};  ///< frames in the clients' held lists
+    std::mutex closed_mutex;
+    std::vector<VQXSI_HANDLE> closed;     ///< handles of sessions closed by reopens
     vqxsim::Simulator* sim = nullptr;
     robust::Fault_hwl* hwl = nullptr;
 
@@ -176,10 +201,12 @@ void Load::build_engine()
         vqxsim::Config c;
         c.engine = "X7710";
         c.fps = 250.0;
-        c.buffers = 4;
+        c.buffers = kBuffers;
         c.render = vqxsim::Render_mode::none;
         c.capture_mode = opt.capture_mode;
         c.seed = opt.seed;
+        if (const char* trace = std::getenv("VQX_STRESS_TRACE"))  // hardware-layer call trace for debugging
+            c.trace_file = trace;
         if (opt.fault("storm"))
             c.faults.storm = vqxsim::Trigger::with_probability(0.1);
         if (opt.fault("hwstall"))
@@ -193,6 +220,7 @@ void Load::build_engine()
     }
     sim = shared_sim;
     hwl = shared_hwl;
+    hwl->self_filling = opt.capture_mode == 4 || opt.capture_mode == 6;
     const double p = 0.02;
     hwl->p_drop = opt.fault("drop") ? p : 0.0;
     hwl->p_duplicate = opt.fault("duplicate") ? p : 0.0;
@@ -295,6 +323,33 @@ auto Load::call(unsigned me, const char* op, int slot, long bound, F f) -> declt
 // Checks
 // ---------------------------------------------------------------------------
 
+// Every buffer is free and no stall is on: a scan must deliver a frame.
+// Register faults may refuse a start or stall the stream, and a stop the
+// hardware never confirms holds the next start back up to 2 s, so the
+// probe starts again until the bound.
+std::string Load::liveness_probe()
+{
+    Slot& s = slots[0];
+    const auto deadline = Clock::now() + std::chrono::milliseconds(kProbeBound);
+    ++count.probes;
+    while (Clock::now() < deadline) {
+        if (VQXSI_StartScanning(s.handle) != 1)
+            return "liveness probe: VQXSI_StartScanning failed";
+        void* frame = VQXSI_GetNewScan(s.handle);
+        if (frame) {
+            if (!hwl->mark_handed(frame))
+                return "liveness probe hand-out: " + hwl->accounting().first_mark_error;
+            ++count.handed_certain;
+            VQXSI_UnlockBuffer(s.handle, frame);
+        }
+        VQXSI_StopScanning(s.handle);
+        if (frame)
+            return "";
+    }
+    return "stream dead: no frame within " + std::to_string(kProbeBound) +
+           " ms while every buffer was free (" + robust::snapshot().describe() + ")";
+}
+
 std::string Load::quiet_check(const char* where)
 {
     // Every client has given its frames back and ended its starts; the
@@ -395,6 +450,8 @@ void Load::quiet_point()
     if (!failed) {
         ++count.quiet_points;
         std::string e = quiet_check("quiet point");
+        if (e.empty())
+            e = liveness_probe();
         if (!e.empty())
             fail(e);
     }
@@ -479,7 +536,8 @@ Result Load::run()
          << " quiet points; frames delivered " << a.lives_begun << " = handed out " << handed << " ("
          << count.handed_certain << " certain) + dropped " << int64_t(a.lives_begun - handed) << "; starts "
          << count.starts << ", stops " << count.stops << ", single frames " << count.single_frames << ", reopens "
-         << count.reopens << ", misuses " << count.misuses << "; faults: " << a.frames_dropped << " dropped, "
+         << count.reopens << ", misuses " << count.misuses << ", start/stop storms " << count.storms
+         << ", stale-handle calls " << count.stale_calls << ", liveness probes " << count.probes << "; faults: " << a.frames_dropped << " dropped, "
          << a.frames_swallowed << " held back by stalls, " << a.extra_vsyncs << " extra vsyncs, " << a.failed_writes
          << " failed writes, " << a.stop_requests << " stop requests (" << a.stops_confirmed << " confirmed late, "
          << a.stops_never_confirmed << " never)";
@@ -504,7 +562,7 @@ void Load::client(unsigned me)
             pause_here(me, held, rng);
             continue;
         }
-        const unsigned r = unsigned(rng() % 84);
+        const unsigned r = unsigned(rng() % 87);
         if (r < 30)
             op_get_new_scan(me, held, rng);
         else if (r < 44) {
@@ -527,6 +585,10 @@ void Load::client(unsigned me)
             op_exposure(me, rng);
         else if (r < 77)
             op_sleep(me, rng);
+        else if (r < 80)
+            op_storm(me, rng);
+        else if (r < 81)
+            op_stale_handle(me, rng);
         else
             op_bad_unlock(me, held, rng);
     }
@@ -561,16 +623,16 @@ void Load::drain(unsigned me, std::vector<Held>& held, std::mt19937_64& rng)
 
 void Load::op_get_new_scan(unsigned me, std::vector<Held>& held, std::mt19937_64& rng)
 {
-    // In capture modes 0 and 5 the stream arms the next capture only when a
-    // buffer comes free: a client keeping its frame holds the stream (and
-    // every other client) until it gives it back or the stall alarm ends the
-    // wait. Clients mostly give their frame back first, as a decoder does.
-    const bool one_at_a_time = opt.capture_mode == 0 || opt.capture_mode == 5;
-    if (one_at_a_time && rng() % 40 != 0) {
-        for (const Held& item : held)
-            give_back(me, item, rng);
-        held.clear();
+    // Each client keeps up to its own number of frames (0 to the budget),
+    // giving the oldest back first; all clients together stay within the
+    // budget, so that a free buffer always remains.
+    while (!held.empty() && held.size() >= std::max(1u, hold_limit(me))) {
+        Held item = held.front();
+        held.erase(held.begin());
+        give_back(me, item, rng);
     }
+    if (!reserve_frame())
+        return;
     const unsigned i = unsigned(rng() % slots.size());
     Slot& s = slots[i];
     void* frame;
@@ -584,6 +646,7 @@ void Load::op_get_new_scan(unsigned me, std::vector<Held>& held, std::mt19937_64
         --s.waiting;
     }
     if (!frame) {
+        unreserve_frame();
         ++count.null_frames;
         return;
     }
@@ -603,11 +666,14 @@ void Load::op_get_new_scan(unsigned me, std::vector<Held>& held, std::mt19937_64
             held.push_back({frame, kUncertain});
         }
     }
-    while (held.size() > kMaxHeld) {
+    while (held.size() > hold_limit(me)) {
         Held item = held.front();
         held.erase(held.begin());
         give_back(me, item, rng);
     }
+    // Sometimes keep the frames a while, as a slow decoder does.
+    if (!held.empty() && rng() % 4 == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10 + rng() % 50));
 }
 
 // Any session may give a frame back (frames belong to the client). A
@@ -615,6 +681,7 @@ void Load::op_get_new_scan(unsigned me, std::vector<Held>& held, std::mt19937_64
 // (its calls are serialised), so a free one is preferred.
 void Load::give_back(unsigned me, Held item, std::mt19937_64& rng)
 {
+    unreserve_frame();
     unsigned i = unsigned(rng() % slots.size());
     for (unsigned k = 0; k < slots.size() && slots[i].waiting != 0; ++k)
         i = (i + 1) % unsigned(slots.size());
@@ -696,6 +763,8 @@ void Load::op_single_frame(unsigned me, std::vector<Held>& held, std::mt19937_64
     // defect), and its start is ended right after, as the interface asks.
     if (robust::snapshot().scanning_count != 0)
         return;
+    if (!reserve_frame())
+        return;
     ++epoch;
     Scan_session* session = reinterpret_cast<Scan_session*>(s.handle);
     const unsigned before = session->Get_scan_count();
@@ -707,6 +776,7 @@ void Load::op_single_frame(unsigned me, std::vector<Held>& held, std::mt19937_64
         call(me, "StopScanning (single frame)", int(i), kCallBound, [&] { return VQXSI_StopScanning(s.handle); }) != 1)
         fail("VQXSI_StopScanning after a single frame failed");
     if (!frame) {
+        unreserve_frame();
         ++count.null_frames;
         return;
     }
@@ -727,6 +797,11 @@ void Load::op_reopen(unsigned me, std::mt19937_64& rng)
         VQXSI_CloseSessionWithScanEngine(s.handle);
         return 0;
     });
+    {
+        std::lock_guard<std::mutex> hold(closed_mutex);
+        if (closed.size() < 64)
+            closed.push_back(s.handle);
+    }
     for (unsigned t = 0; t < clients.size(); ++t)
         s.starts[t] = 0;
     s.handle = call(me, "OpenSessionWithScanEngine", int(i), kCallBound,
@@ -861,6 +936,61 @@ void Load::op_bad_unlock(unsigned me, std::vector<Held>& held, std::mt19937_64& 
     std::unique_lock<std::shared_mutex> lock(reclaim);
     ++epoch;
     call(me, "UnlockBuffer (not held)", int(i), bound_for(i), [&] { return VQXSI_UnlockBuffer(s.handle, p); });
+}
+
+// A burst of starts and stops on one session (a client toggling its
+// trigger): each start is ended again within the burst.
+void Load::op_storm(unsigned me, std::mt19937_64& rng)
+{
+    const unsigned i = unsigned(rng() % slots.size());
+    Slot& s = slots[i];
+    std::shared_lock<std::shared_mutex> use(s.use);
+    ++count.storms;
+    const unsigned n = unsigned(3 + rng() % 6);
+    for (unsigned k = 0; k < n && !stop; ++k) {
+        if (s.starts[me] >= 2)
+            break;
+        {
+            std::unique_lock<std::shared_mutex> lock(reclaim);
+            ++epoch;
+            if (call(me, "StartScanning (storm)", int(i), bound_for(i), [&] { return VQXSI_StartScanning(s.handle); }) != 1)
+                continue;
+            ++s.starts[me];
+            ++count.starts;
+        }
+        if (rng() % 2)
+            std::this_thread::sleep_for(std::chrono::microseconds(rng() % 3000));
+        stop_started(me, i, "StopScanning (storm)");
+    }
+}
+
+// A call with the handle of a session closed earlier: refused with EINVAL,
+// nothing else happens.
+void Load::op_stale_handle(unsigned me, std::mt19937_64& rng)
+{
+    VQXSI_HANDLE h = nullptr;
+    {
+        std::lock_guard<std::mutex> hold(closed_mutex);
+        if (closed.empty())
+            return;
+        h = closed[rng() % closed.size()];
+    }
+    // No reopen while the call runs (a new session may get the same address:
+    // then the handle is open again and is left alone).
+    std::vector<std::shared_lock<std::shared_mutex>> uses;
+    for (Slot& slot : slots) {
+        uses.emplace_back(slot.use);
+        if (slot.handle == h)
+            return;
+    }
+    ++count.stale_calls;
+    errno = 0;
+    const int what = int(rng() % 3);
+    const bool refused = what == 0   ? call(me, "GetNewScan (stale)", -1, kCallBound, [&] { return VQXSI_GetNewScan(h); }) == nullptr
+                         : what == 1 ? call(me, "StartScanning (stale)", -1, kCallBound, [&] { return VQXSI_StartScanning(h); }) == 0
+                                     : call(me, "StopScanning (stale)", -1, kCallBound, [&] { return VQXSI_StopScanning(h); }) == 0;
+    if (!refused || errno != EINVAL)
+        fail("a call with a closed session's handle was not refused with EINVAL");
 }
 
 } // namespace

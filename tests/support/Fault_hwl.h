@@ -79,6 +79,9 @@ public:
     /// Fault switches; probabilities are 0 to 1.
     std::atomic<double> p_drop{0}, p_duplicate{0}, p_zero{0}, p_unknown{0}, p_write_fail{0};
     std::atomic<bool> stall{false};
+    /// The transfer hardware fills free buffers on its own (capture modes 4
+    /// and 6): a frame event for a buffer nobody armed starts a life.
+    std::atomic<bool> self_filling{false};
     std::atomic<bool> start_fail{false};
     std::atomic<Stop_mode> stop_mode{Stop_mode::at_once};
     std::atomic<unsigned> defer_ms{20};
@@ -451,15 +454,20 @@ private:
             callback = driver_vsync;
             context = driver_context;
             auto it = buffers.find(handle);
-            const bool fresh = it != buffers.end() && it->second.state == State::armed;
+            const bool fresh = it != buffers.end() &&
+                               (it->second.state == State::armed || (self_filling && it->second.state == State::idle));
             if (fresh && stall) {
                 it->second.state = State::filled;
                 ++count.frames_swallowed;
             } else if (fresh && chance(p_drop)) {
-                // Re-armed under this object's lock, so that a release by
-                // the driver cannot slip in between (the simulator never
-                // takes this lock).
-                inner.InitCapture(handle);
+                // Re-armed (or, where the hardware fills buffers on its own,
+                // given back to it) under this object's lock, so that a
+                // release by the driver cannot slip in between (the
+                // simulator never takes this lock).
+                if (self_filling)
+                    inner.ReleaseBuffer(handle);
+                else
+                    inner.InitCapture(handle);
                 ++count.frames_dropped;
             } else {
                 if (fresh) {
