@@ -47,10 +47,20 @@ Buffer_locker::~Buffer_locker() {}
 
 void Buffer_locker::load_image_buffers()
 {
-    buffers.reset();
-    n_buffers = 0;
     uint64_t count = 0;
     IHwl::Image_buffer_pointers* pointers = the_scan_driver->trait->get_image_buffers(count);
+    // The same buffers as before: keep the records. A client may still hold
+    // a frame from the last scan (a single frame keeps its scan lock), and
+    // zeroing its record would lose track of that buffer for good.
+    if (pointers != nullptr && count == n_buffers && n_buffers != 0) {
+        bool same = true;
+        for (size_t i = 0; i < n_buffers && same; ++i)
+            same = std::memcmp(&buffers[i].pointers, &pointers[i], sizeof pointers[i]) == 0;
+        if (same)
+            return;
+    }
+    buffers.reset();
+    n_buffers = 0;
     if (pointers == nullptr || count == 0)
         return;
     buffers.reset(new ScanBufferInfo[count]());

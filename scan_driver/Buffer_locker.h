@@ -51,6 +51,9 @@ public:
 
     // Replaces the records with one zeroed record per buffer the engine trait
     // reports, each with a copy of the buffer's hardware-layer pointers.
+    // When the trait reports the very buffers already loaded, the records
+    // (and who holds what) are kept: a frame a client kept across the end of
+    // the last scan stays the client's.
     void load_image_buffers();
     void load_image_buffers() volatile;
 
