@@ -639,7 +639,13 @@ void Load::op_get_new_scan(unsigned me, std::vector<Held>& held, std::mt19937_64
     uint64_t before;
     {
         std::shared_lock<std::shared_mutex> use(s.use);
-        before = epoch;
+        {
+            // Read while no reclaiming call is in progress: one that had
+            // already moved the epoch could still take back the frame this
+            // call is about to receive, after it is received.
+            std::shared_lock<std::shared_mutex> settled(reclaim);
+            before = epoch;
+        }
         ++s.waiting;
         clients[me].frame_wait = true;
         frame = call(me, "GetNewScan", int(i), kFrameWaitBound, [&] { return VQXSI_GetNewScan(s.handle); });
