@@ -853,14 +853,20 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
     renderer.render(view, params, frame.data());
     lock.lock();
 
-    // Real time: the readout began at the frame's tick and ends (vsync) at
-    // the readout share of the period. Step mode: strips follow the render
-    // with short pauses.
+    // Real time: the readout begins when the frame is rendered (at once
+    // after the frame's tick, unless the render ran long) and ends (vsync)
+    // the readout share of the period later. Step mode: strips follow the
+    // render with short pauses.
     Clock::duration spacing = step_frame
         ? std::chrono::duration_cast<Clock::duration>(std::chrono::microseconds(cfg.strip_pause_us))
         : std::chrono::duration_cast<Clock::duration>(period * kReadoutShare / (kStrips - 1));
     Buffer& buffer = buffers[index];
-    if (!read_out(lock, index, self_filling, tick, spacing)) {
+    // Real time: the readout takes its time from when the frame is ready. A
+    // render that ran long (a slow build) must not squeeze the strips into
+    // one burst, which would hide the frame's progress from a reader that
+    // polls the buffer.
+    const Clock::time_point readout_begin = step_frame ? tick : std::max(tick, Clock::now());
+    if (!read_out(lock, index, self_filling, readout_begin, spacing)) {
         // Taken back while the frame was read out: the frame is lost.
         ++count.frames_missed;
         if (step_frame) {

@@ -39,7 +39,7 @@
 #include <sys/stat.h>
 #include <vector>
 
-#include "scan_session.h"
+#include "vqxscan_attributes.h"
 #include "vqxscan_decode.h"
 #include "vqxscan_image.h"
 #include "vqxscan_json.h"
@@ -257,15 +257,6 @@ double ms_since(Clock::time_point start)
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
-// The image attributes the driver filled for @p frame. The exported
-// functions carry no attributes; the session handle is the driver's session
-// object, whose virtual operations (fixed slot order, no linkage to hidden
-// symbols) include Get_image_attributes.
-void frame_attributes(VQXSI_HANDLE h, void* frame, VQX_IMAGE_ATTRIBUTES& out)
-{
-    reinterpret_cast<Scan_session*>(h)->Get_image_attributes(frame, &out);
-}
-
 // Writes the exposure log (see the file comment); false with a message.
 bool write_exposure_log(const std::string& path, const Report& r)
 {
@@ -374,7 +365,7 @@ int scan(VQXSI_HANDLE h, const Options& o, Report& r)
         f.brightness = vqxscan::measure_brightness(pixels, r.width, r.height);
         f.has_sim_info = sim.frame_info(pixels, f.sim);
         f.attributes.size = sizeof f.attributes;
-        frame_attributes(h, frame, f.attributes);
+        vqxscan::frame_attributes(h, frame, f.attributes);
         bool saved = true;
         if (!o.save_dir.empty()) {
             char name[32];
