@@ -134,16 +134,18 @@ TEST_P(StreamSurvival, Run)
             });
             std::this_thread::sleep_for(std::chrono::milliseconds(1200));
             const unsigned seen = a_frames;
-            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            std::this_thread::sleep_for(std::chrono::milliseconds(600));
             const unsigned later = a_frames;
             stop = true;
             // The threads may wait for one more frame each.
             puller.join();
             holder.join();
-            EXPECT_GT(seen, 20u) << "A's frames in 1.2 s";
+            // Progress, not speed: frames keep reaching A while B holds two
+            // (a sanitizer build runs several times slower).
+            EXPECT_GE(seen, 5u) << "A's frames in 1.2 s";
             EXPECT_GT(later, seen) << "A's stream died";
             EXPECT_EQ(0u, a_nulls.load());
-            EXPECT_GE(b_rounds.load(), 5u);
+            EXPECT_GE(b_rounds.load(), 3u);
         }
         EXPECT_TRUE(all_back());
         // A fresh session starts from a clean state: it can hold every
