@@ -9,8 +9,8 @@
 //
 // The simulator runs in step mode: frames happen only when the input asks
 // for one ("frame") or while a call that must wait for a frame runs (a pump
-// thread steps the simulator during VQXSI_GetSingleFrame and at the end of
-// the input). VQXSI_GetNewScan is only called when it cannot wait: the
+// thread steps the simulator during VQXSI_GetSingleFrame, while a stream is
+// stopping with captures still armed, and at the end of the input). VQXSI_GetNewScan is only called when it cannot wait: the
 // session is not scanning, a frame waits in the hand-off, the stream is
 // stalled or every buffer is with the client (checked, and the call made,
 // with the sensor's monitor held, so that no alarm changes the answer in
@@ -58,6 +58,7 @@ struct Engine {
     robust::Fault_hwl* hwl = nullptr;
     std::string faults;  // empty: all
     std::atomic<bool> pumping{false};
+    std::atomic<bool> in_input{false};  ///< an input is running (not at exit)
     std::atomic<bool> quit{false};
     std::thread pump;
 
@@ -87,7 +88,13 @@ Engine& engine()
         vqxsim::set_instance_for_InitHWLayer(made->hwl);
         made->pump = std::thread([made] {
             while (!made->quit) {
-                if (made->pumping && made->sim->buffers_in(vqxsim::Buffer_state::armed) > 0)
+                // Captures still armed when a stream stops complete, as on
+                // hardware that keeps streaming until the stop: without them
+                // every stop would wait for its 2 s bound.
+                const IStream_driver* stream =
+                    made->in_input && the_scan_driver ? the_scan_driver->stream_driver : nullptr;
+                const bool stopping = stream && stream->scan_state() == IStream_driver::STOPPING;
+                if ((made->pumping || stopping) && made->sim->buffers_in(vqxsim::Buffer_state::armed) > 0)
                     made->sim->step(1, 5);
                 else
                     std::this_thread::sleep_for(std::chrono::microseconds(200));
@@ -500,7 +507,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Engine& e = engine();
     Input in(data, size);
-    Run run(e);
-    run.execute(in);
+    e.in_input = true;
+    {
+        Run run(e);
+        run.execute(in);
+    }
+    e.in_input = false;
     return 0;
 }
