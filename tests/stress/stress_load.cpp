@@ -122,6 +122,8 @@ private:
         stall_since = -1;
         if (recovers)
             hwl->release_stalled();
+        else
+            hwl->lose_stalled();
     }
     void quiet_point();
 

@@ -177,6 +177,25 @@ public:
         return unsigned(handles.size());
     }
 
+    /// The stalled transfer lost the frames it held back (stall fault). Where
+    /// the hardware fills buffers on its own, it frees their buffers again,
+    /// since no driver knows of them; elsewhere the driver still has them
+    /// armed and takes them back. Returns how many were freed.
+    unsigned lose_stalled()
+    {
+        std::lock_guard<std::mutex> hold(mutex);
+        unsigned n = 0;
+        if (!self_filling)
+            return 0;
+        for (auto& b : buffers)
+            if (b.second.state == State::filled) {
+                b.second.state = State::idle;
+                inner.ReleaseBuffer(b.first);  // the simulator never takes this lock
+                ++n;
+            }
+        return n;
+    }
+
     /// Number of stop confirmations still to come.
     size_t stops_pending() const
     {
