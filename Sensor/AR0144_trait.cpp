@@ -11,6 +11,7 @@
 #include "Diagnostics.h"
 #include "Exposure_controller.h"
 #include "Exposure_rules.h"
+#include "Register_burst.h"
 #include "Scan_driver.h"
 #include "Sensor.h"
 #include "Synchronization.h"
@@ -221,19 +222,11 @@ bool AR0144_trait::write_table()
     const AR0144_register_table& table = table_for_variant(engine_variant());
     const bool rotate = engine_orientation() == 180;
 
-    uint16_t burst[16];
-    size_t count = 0;
-    uint32_t first = 0;
-    auto flush = [&]() {
-        const bool ok = count == 0 || hwl.WriteReg(first, burst, 2 * count);
-        count = 0;
-        return ok;
-    };
-
+    Register_burst burst(hwl);
     for (size_t i = 0; i < table.count; ++i) {
         const AR0144_register_entry& e = table.entries[i];
         if (e.address == ar0144_wait_entry) {
-            if (!flush())
+            if (!burst.flush())
                 return false;
             MT_Delay(e.value);
             continue;
@@ -241,16 +234,10 @@ bool AR0144_trait::write_table()
         uint16_t value = static_cast<uint16_t>(e.value);
         if (e.address == REG_READ_MODE && rotate)
             value |= READ_MODE_ROTATE_180;
-        const bool extends = count != 0 && count < sizeof burst / sizeof burst[0] &&
-                             e.address == first + 2 * count;
-        if (!extends) {
-            if (!flush())
-                return false;
-            first = e.address;
-        }
-        burst[count++] = value;
+        if (!burst.add(e.address, value))
+            return false;
     }
-    return flush();
+    return burst.flush();
 }
 
 bool AR0144_trait::write_shadows()

@@ -1,21 +1,31 @@
 // Control_pipeline.cpp: see Control_pipeline.h.
 #include "Control_pipeline.h"
 
+#include <algorithm>
+
 namespace vqxsim {
 
-void Control_pipeline::restart(const Frame_settings& now, unsigned frame_latency)
+void Control_pipeline::restart(const Frame_settings& now, unsigned latency, unsigned gain)
 {
-    latency = frame_latency == 0 ? 1 : frame_latency;
-    stages.assign(latency - 1, now);
+    exposure_latency = std::max(latency, 1u);
+    gain_latency = std::max(gain, 1u);
+    snapshots.assign(std::max(exposure_latency, gain_latency) - 1, now);
 }
 
 Frame_settings Control_pipeline::advance(const Frame_settings& now)
 {
-    // Before this push the stages hold frames k .. k+L-2; the snapshot taken
-    // now (period k-1's writes included) is frame k+L-1's.
-    stages.push_back(now);
-    Frame_settings frame = stages.front();
-    stages.pop_front();
+    // After this push the snapshots are those taken at the starts of frames
+    // k-D+1 .. k (D the larger latency); the one taken at the start of frame
+    // k-L+1 holds period k-L's writes, which shape frame k.
+    snapshots.push_back(now);
+    const size_t depth = snapshots.size();
+    Frame_settings frame = snapshots[depth - exposure_latency];
+    const Frame_settings& gain = snapshots[depth - gain_latency];
+    frame.analog_gain = gain.analog_gain;
+    frame.digital_gain = gain.digital_gain;
+    frame.analog_code = gain.analog_code;
+    frame.digital_code = gain.digital_code;
+    snapshots.pop_front();
     return frame;
 }
 

@@ -2,8 +2,9 @@
 //
 // An image sensor latches its exposure and gain registers some frames ahead
 // of the frame they shape. The framework models this once for every engine
-// model: a model only declares its latency L (Sensor_model::frame_latency)
-// and reports what its registers hold now (Sensor_model::controls).
+// model: a model only declares its latencies (Sensor_model::frame_latency
+// for the exposure, Sensor_model::gain_latency for the gain) and reports
+// what its registers hold now (Sensor_model::controls).
 //
 // Frame periods: sensor frame k's period runs from the start of its readout
 // to the start of frame k+1's readout. A control write made during frame
@@ -11,12 +12,13 @@
 // out, in frame k's vsync callback or between frames. The pipeline takes a
 // snapshot of the registers at the start of every frame's readout (the
 // snapshot taken at the start of frame k+1 holds every write of period k)
-// and hands it out L - 1 frames later. When streaming (re)starts, what the
-// registers hold applies at once: the pipeline is filled with it.
+// and hands its exposure part out L - 1 frames later, its gain part
+// L_gain - 1 frames later. When streaming (re)starts, what the registers
+// hold applies at once: the pipeline is filled with it.
 //
 // Threads: none of its own; Sim_core calls it with its lock held. The deque
-// never holds more than L entries, so after the first frames it allocates
-// nothing.
+// never holds more than the larger latency's entries, so after the first
+// frames it allocates nothing.
 #ifndef VQXSIM_CONTROL_PIPELINE_H
 #define VQXSIM_CONTROL_PIPELINE_H
 
@@ -28,16 +30,17 @@ namespace vqxsim {
 
 class Control_pipeline {
 public:
-    /// Streaming starts with @p now in the registers and latency @p latency
-    /// (taken as 1 when 0).
-    void restart(const Frame_settings& now, unsigned latency);
+    /// Streaming starts with @p now in the registers, exposure latency
+    /// @p latency and gain latency @p gain_latency (each taken as 1 when 0).
+    void restart(const Frame_settings& now, unsigned latency, unsigned gain_latency);
     /// A frame's readout starts: returns the controls this frame was taken
-    /// with and latches @p now for the frame latency - 1 frames later.
+    /// with and latches @p now for the frames to come.
     Frame_settings advance(const Frame_settings& now);
 
 private:
-    std::deque<Frame_settings> stages;  ///< oldest first: the next frame's controls
-    unsigned latency = 1;
+    std::deque<Frame_settings> snapshots;  ///< oldest first; back() is the newest
+    unsigned exposure_latency = 1;
+    unsigned gain_latency = 1;
 };
 
 }  // namespace vqxsim

@@ -238,7 +238,7 @@ void Model_AR0144::begin_frame(Frame_settings& f)
 
 }  // namespace
 
-std::unique_ptr<Sensor_model> make_model_AR0144()
+std::unique_ptr<Sensor_model> make_model_AR0144(const Config&)
 {
     return std::make_unique<Model_AR0144>();
 }

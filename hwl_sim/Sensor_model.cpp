@@ -27,23 +27,26 @@ namespace {
 
 struct Model_entry {
     const char* engine;
-    std::unique_ptr<Sensor_model> (*make)();
+    std::unique_ptr<Sensor_model> (*make)(const Config&);
 };
 
 // Engine types with a model. Other engine types are refused until their
 // models are written.
 const Model_entry kModels[] = {
     {"X7710", make_model_AR0144},
+    {"X5501", make_model_MT9M114},
+    {"X5503", make_model_MT9M114},
 };
 
 }  // namespace
 
-std::unique_ptr<Sensor_model> make_sensor_model(const std::string& engine, std::string* error)
+std::unique_ptr<Sensor_model> make_sensor_model(const Config& config, std::string* error)
 {
+    const std::string& engine = config.engine;
     std::string known;
     for (const Model_entry& entry : kModels) {
         if (engine == entry.engine)
-            return entry.make();
+            return entry.make(config);
         known += known.empty() ? entry.engine : std::string(", ") + entry.engine;
     }
     if (error)

@@ -18,12 +18,14 @@
 #ifndef VQXSIM_SENSOR_MODEL_H
 #define VQXSIM_SENSOR_MODEL_H
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "IHwl.h"
+#include "Simulator.h"
 
 namespace vqxsim {
 
@@ -99,9 +101,21 @@ public:
     virtual void set_stalled(bool stalled) = 0;
     virtual bool streaming() const = 0;
     /// Frames between a control write and the frame it shapes: a write of
-    /// exposure or gain made during sensor frame k's period shapes frame
-    /// k + frame_latency() (see Control_pipeline.h, which applies it).
+    /// exposure made during sensor frame k's period shapes frame
+    /// k + frame_latency(), a write of gain frame k + gain_latency() (see
+    /// Control_pipeline.h, which applies both).
     virtual unsigned frame_latency() const = 0;
+    virtual unsigned gain_latency() const { return frame_latency(); }
+
+    /// Sensors with firmware of their own act some time after a register
+    /// access (a command completes, a reset finishes). next_event() is the
+    /// next moment such an action is due (max() when none is), and
+    /// run_until(now) carries out what is due by @p now. Sim_core calls
+    /// run_until before every register access and when next_event() comes,
+    /// and looks at streaming() afterwards.
+    using Clock = std::chrono::steady_clock;
+    virtual Clock::time_point next_event() const { return Clock::time_point::max(); }
+    virtual void run_until(Clock::time_point now) { (void)now; }
     /// The exposure and gain controls as the registers hold them now, in the
     /// form a frame taken with them would use.
     virtual Frame_settings controls() const = 0;
@@ -111,10 +125,11 @@ public:
     virtual void begin_frame(Frame_settings& frame) = 0;
 };
 
-/// The model of @p engine, or null with a message when none exists.
-std::unique_ptr<Sensor_model> make_sensor_model(const std::string& engine, std::string* error);
+/// The model of @p config's engine, or null with a message when none exists.
+std::unique_ptr<Sensor_model> make_sensor_model(const Config& config, std::string* error);
 
-std::unique_ptr<Sensor_model> make_model_AR0144();
+std::unique_ptr<Sensor_model> make_model_AR0144(const Config& config);
+std::unique_ptr<Sensor_model> make_model_MT9M114(const Config& config);
 
 }  // namespace vqxsim
 

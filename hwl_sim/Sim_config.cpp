@@ -191,6 +191,14 @@ const Variable kVariables[] = {
      }},
     {"VQXSIM_CAPTURE_MODE", "a number from 0 to 7",
      [](const std::string& v, Config& c, std::string*) { return parse_ranged(v, c.capture_mode, 0, 7); }},
+    {"VQXSIM_IMAGER_LINK", "an unsigned number (0 parallel, 1 one serial lane)",
+     [](const std::string& v, Config& c, std::string*) { return parse_ranged(v, c.imager_link, 0, 0xFFFFFFFFu); }},
+    {"VQXSIM_REGISTER_TABLE", "an unsigned number (42: the short table)",
+     [](const std::string& v, Config& c, std::string*) { return parse_ranged(v, c.register_table, 0, 0xFFFFFFFFu); }},
+    {"VQXSIM_COMMAND_MS", "a number from 0 to 1000",
+     [](const std::string& v, Config& c, std::string*) { return parse_ranged(v, c.command_ms, 0, 1000); }},
+    {"VQXSIM_BOOT_MS", "a number from 0 to 1000",
+     [](const std::string& v, Config& c, std::string*) { return parse_ranged(v, c.boot_ms, 0, 1000); }},
     {"VQXSIM_PSOC", "0 or 1", [](const std::string& v, Config& c, std::string*) {
          c.psoc_fitted = v == "1";
          return v == "0" || v == "1";
@@ -220,6 +228,8 @@ const Fault_key kTriggers[] = {
     {"regfail_read", &Faults::regfail_read},
     {"regfail_write", &Faults::regfail_write},
     {"psocfail", &Faults::psocfail},
+    {"command_hang", &Faults::command_hang},
+    {"command_error", &Faults::command_error},
 };
 
 bool parse_fault(const std::string& key, const std::string& value, bool has_value, Faults& f)

@@ -150,7 +150,7 @@ std::unique_ptr<Sim_core> Sim_core::create(const Config& config, std::string* er
 {
     if (!valid_config(config, error))
         return nullptr;
-    std::unique_ptr<Sensor_model> model = make_sensor_model(config.engine, error);
+    std::unique_ptr<Sensor_model> model = make_sensor_model(config, error);
     if (!model)
         return nullptr;
     std::shared_ptr<const Scene> scene = Scene::build(config, model->width(), model->height(), error);
@@ -283,13 +283,29 @@ void Sim_core::state_changed()
 {
     bool now_running = sensor_running();
     if (now_running && !running) {
-        pipeline.restart(model->controls(), model->frame_latency());
+        pipeline.restart(model->controls(), model->frame_latency(), model->gain_latency());
         Clock::time_point now = Clock::now();
         first_frame_at = now + std::chrono::milliseconds(cfg.faults.first_frame_delay_ms);
         next_frame = first_frame_at + std::chrono::microseconds(int64_t(1e6 / cfg.fps));
     }
     running = now_running;
     wake.notify_all();
+}
+
+// A stalled transfer restarted (StopScanning, StartScanning) clears once a
+// write to the streaming control has the sensor streaming again; with
+// firmware that starts streaming some time after the write, when it does.
+void Sim_core::clear_restarted_stall()
+{
+    if (!is_stalled || !stall_recovering) {
+        stream_restarted = false;
+        return;
+    }
+    if (stream_restarted && model->streaming()) {
+        is_stalled = stall_recovering = stopped_in_stall = stream_restarted = false;
+        model->set_stalled(false);
+        trace.line("stall cleared");
+    }
 }
 
 // ---------------------------------------------------------------------------
@@ -524,14 +540,14 @@ bool Sim_core::WriteReg(unsigned int address, uint16_t* values, uint64_t length)
     std::lock_guard<std::mutex> hold(mutex);
     note("WriteReg");
     bool injected = write_gate.next();
+    if (is_supplied)
+        model->run_until(Clock::now());
     bool ok = !injected && is_supplied && values != nullptr && model->write(address, values, length);
     if (!ok)
         ++count.register_write_failures;
-    if (ok && is_stalled && stall_recovering && model->is_stream_control(address, length) && model->streaming()) {
-        is_stalled = stall_recovering = stopped_in_stall = false;
-        model->set_stalled(false);
-        trace.line("stall cleared");
-    }
+    if (ok && is_stalled && stall_recovering && model->is_stream_control(address, length))
+        stream_restarted = true;
+    clear_restarted_stall();
     trace.line("WriteReg(0x%04X, %s, %llu) = %d%s", address, hex_words(values, length).c_str(),
                static_cast<unsigned long long>(length), ok, injected ? " (injected failure)" : "");
     state_changed();
@@ -543,6 +559,11 @@ bool Sim_core::ReadReg(unsigned int address, uint16_t* values, uint64_t length)
     std::lock_guard<std::mutex> hold(mutex);
     note("ReadReg");
     bool injected = read_gate.next();
+    if (is_supplied) {
+        model->run_until(Clock::now());
+        clear_restarted_stall();
+        state_changed();
+    }
     bool ok = !injected && is_supplied && values != nullptr && model->read(address, values, length);
     if (!ok)
         ++count.register_read_failures;
@@ -569,9 +590,9 @@ void Sim_core::GetConfig(IHwl::Config* config)
     if (size >= offsetof(IHwl::Config, engine_variant) + 4)
         config->engine_variant = uint32_t(cfg.variant) | uint32_t(cfg.orientation) << 16;
     if (size >= offsetof(IHwl::Config, imager_link) + 4)
-        config->imager_link = 1;
+        config->imager_link = cfg.imager_link;
     if (size >= offsetof(IHwl::Config, register_table) + 4)
-        config->register_table = 42;
+        config->register_table = cfg.register_table;
 }
 
 bool Sim_core::LoadCaptureInfo()
@@ -680,6 +701,8 @@ bool Sim_core::frame_possible(Clock::time_point now) const
 Sim_core::Clock::time_point Sim_core::next_wake() const
 {
     Clock::time_point t = Clock::time_point::max();
+    if (is_supplied)
+        t = model->next_event();
     if (stop_pending)
         t = std::min(t, stop_deadline);
     if (running && cfg.real_time)
@@ -694,7 +717,11 @@ void Sim_core::run()
     std::unique_lock<std::mutex> lock(mutex);
     while (!quit) {
         Clock::time_point now = Clock::now();
-        if (stop_pending && now >= stop_deadline) {
+        if (is_supplied && now >= model->next_event()) {
+            model->run_until(now);
+            clear_restarted_stall();
+            state_changed();
+        } else if (stop_pending && now >= stop_deadline) {
             confirm_stop(lock);
         } else if (cfg.real_time && running && now >= next_frame) {
             bool storm = storm_gate.next();

@@ -165,6 +165,7 @@ private:
     void run();
     bool sensor_running() const;
     void state_changed();
+    void clear_restarted_stall();
     bool frame_possible(Clock::time_point now) const;
     Clock::time_point next_wake() const;
     void produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame, Clock::duration period);
@@ -206,6 +207,7 @@ private:
     bool stall_fired = false;
     bool stall_recovering = false;
     bool stopped_in_stall = false;
+    bool stream_restarted = false;  ///< streaming control written during a stall restart
     bool joined = false;
     bool running = false;  ///< sensor_running() as last seen
     bool aim_on = false;

@@ -94,6 +94,8 @@ struct VQXSIM_API Faults {
     int defer_stop_ms = -1;  ///< >= 0: RequestStopScanning returns false and confirms after this many ms
     bool never_confirm_stop = false;  ///< RequestStopScanning returns false and never confirms
     unsigned first_frame_delay_ms = 0;  ///< extra delay of the first frame after streaming starts
+    Trigger command_hang;    ///< MT9M114: a host command never completes (until a reset or power cycle)
+    Trigger command_error;   ///< MT9M114: a host command completes with error status 0x0C (invalid)
 
     /// Parses a comma list such as "drop=5,stall_after=20,regfail_write=0.01,
     /// defer_stop=50,never_confirm_stop". False with a message on bad input.
@@ -130,6 +132,12 @@ struct VQXSIM_API Config {
     uint16_t variant = 1;          ///< GetConfig engine variant (bits 0-15)
     uint16_t orientation = 0;      ///< mounting, 0 or 180 degrees (GetConfig bits 16-31)
     uint32_t capture_mode = 0;     ///< GetConfig capture mode (0 to 7); the environment-built instance uses 3
+    uint32_t imager_link = 1;      ///< GetConfig word at offset 16: 0 parallel, 1 one serial lane
+    uint32_t register_table = 42;  ///< GetConfig word at offset 20: register table select (42: short)
+    /// MT9M114: time the firmware takes to complete a host command, and to
+    /// answer commands after a soft reset or power-on, in milliseconds.
+    unsigned command_ms = 5;
+    unsigned boot_ms = 45;
 
     bool psoc_fitted = true;
     uint32_t engine_id = 0x00007710;  ///< PSoC 0x00-0x03, big-endian

@@ -12,11 +12,14 @@
 // last the frame notifications, once every object a frame touches exists.
 //
 // Engine table: the engine type text is matched exactly (case-sensitive)
-// against seven rows in a fixed order. Only the AR0144 engine ("X7710") has
-// a trait in this build. Decision: any other row, and a text matching no row,
-// fails start-up before anything is built: a log line names the engine type,
-// the open that triggered start-up returns null, and the next open tries
-// again. Nothing half-built is left where later code could reach it.
+// against seven rows in a fixed order. The AR0144 engine ("X7710") and the
+// MT9M114 engines ("X5501", "X5503") have traits in this build. Decision:
+// any other row, a text matching no row, and an engine whose builder
+// refuses (the X5501's full register table missing or malformed) fail
+// start-up before anything is built: a log line names the engine type or
+// the reason, the open that triggered start-up returns null, and the next
+// open tries again. Nothing half-built is left where later code could reach
+// it.
 //
 // The AR0144 trait takes the engine variant and image orientation from the
 // configuration word at offset 12 of IHwl::Config, which start-up reads with
@@ -41,6 +44,9 @@
 #include <pthread.h>
 
 #include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "AR0144_trait.h"
 #include "Available_buffer.h"
@@ -54,6 +60,9 @@
 #include "Sensor.h"
 #include "State_manager.h"
 #include "Stream_driver.h"
+#include "X5501_Exposure_controller.h"
+#include "X5501_tables.h"
+#include "X5501_trait.h"
 #include "monitor.h"
 
 namespace {
@@ -80,6 +89,35 @@ bool build_ar0144(IHwl& hwl, Scan_driver& driver)
     return true;
 }
 
+// "X5501" and "X5503". The register table the configuration selects must be
+// at hand before anything is built: the full table is device data read from
+// a file, and a missing or malformed file refuses the engine (the reason,
+// with the file's path, goes to the platform log) instead of streaming a
+// half-configured sensor. The configuration is read here for that choice
+// only; start-up reads it again into the driver's record in its usual place.
+bool build_x5501(IHwl& hwl, Scan_driver& driver)
+{
+    IHwl::Config config = driver.config;
+    hwl.GetConfig(&config);
+    std::vector<Register_pair> full_table;
+    if (config.register_table != x5501_short_table_select) {
+        std::string error;
+        if (!x5501_full_table.load(full_table, error)) {
+            dbg_output("Scan driver not started: %s\r\n", error.c_str());
+            return false;
+        }
+    }
+    // The engine types "X5501" and "X5503" are reported only by an IHwl_x5501.
+    auto* decorator = new Hwl_logging_x5501(static_cast<IHwl_x5501*>(&hwl));
+    auto* controller = new X5501_Exposure_controller<X5501_trait>();
+    auto* trait = new X5501_trait(*decorator, controller, std::move(full_table));
+    controller->bind(trait);
+    driver.hwl_decorator = decorator;
+    driver.exposure_controller = controller;
+    driver.trait = trait;
+    return true;
+}
+
 struct Engine_row {
     const char* engine_type;
     Engine_builder build;  // null: no trait for this engine in this build
@@ -91,8 +129,8 @@ const Engine_row engine_table[] = {
     {"APTINA", nullptr},
     {"MT9V022", nullptr},
     {"X7710", build_ar0144},
-    {"X5501", nullptr},
-    {"X5503", nullptr},
+    {"X5501", build_x5501},
+    {"X5503", build_x5501},
 };
 
 const Engine_row* find_engine(const char* engine_type)
@@ -164,7 +202,8 @@ bool Initialize_scan_driver_runonce(void* arg)
                    engine_type);
         return false;
     }
-    engine->build(*hwl, d);
+    if (!engine->build(*hwl, d))
+        return false;
     d.sensor = new Sensor();
 
     d.buffer_locker = new Buffer_locker(d.sensor);

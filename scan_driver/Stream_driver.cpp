@@ -262,6 +262,7 @@ void Stream_driver::inter_frame_ist(int buffer)
 {
     Scan_driver& driver = *the_scan_driver;
     driver.trait->exposure_frame();
+    frame_programmed = true;
     stamp_time("inter_frame_ist enter %s");
     if (state == SCANNING && sof_polling_mode()) {
         capture_next();
@@ -329,8 +330,12 @@ void Stream_driver::vsync_ist(int buffer)
         }
         SD_ASSERT(driver.available_buffer->buffer_available(), "p_available", STREAM_LABEL,
                   __LINE__);
-        if (!sof_polling_mode())
+        // Once per sensor frame the trait steps its exposure bookkeeping:
+        // at the inter-frame point in the polling modes, else (and when
+        // the poll missed that point) here, still in the frame's period.
+        if (!sof_polling_mode() || !frame_programmed)
             driver.trait->exposure_frame();
+        frame_programmed = false;
         const bool sample = static_cast<uint32_t>(frame_count) % 3 == 0;
         delivering_frame = true;
         driver.sensor->vsync_ist(buffer, sample);

@@ -19,7 +19,8 @@
 //         the next buffer is armed (and exposure updated) once two thirds of
 //         the frame have arrived; when the poll misses that point (the frame
 //         ended first), the next buffer is armed at the frame's vsync and
-//         that frame updates no exposure
+//         that frame updates no exposure (the trait's exposure_frame still
+//         runs there: once per frame in every mode)
 //   4     the hardware fills buffers on its own, trigger_on once
 //   6     trait start_snapshot per frame, trigger_once per frame
 //   7     fill buffer armed per capture, trigger_once per frame
@@ -182,6 +183,7 @@ private:
     uint32_t pending_captures = 0;
     bool deferred_stop_scanning = false;
     bool delivering_frame = false;  // inside the sensor's vsync_ist
+    bool frame_programmed = false;  // exposure_frame ran at this frame's inter-frame point
     Alarm sof_alarm;
     Alarm capture_stall_alarm;
     Scan_state_t state = STOPPED;

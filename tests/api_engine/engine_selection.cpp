@@ -1,10 +1,15 @@
 // Driver start-up and engine selection, seen from the C interface. The
 // driver starts once per process, so the whole story runs in order in one
 // test: failed start-ups (no hardware layer, unsupported or unknown engine
-// types) build nothing and leave the next open to try again; the first
-// supported engine starts the driver for good.
+// types, a register table file missing or malformed) build nothing and
+// leave the next open to try again; the first supported engine starts the
+// driver for good.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -75,9 +80,42 @@ TEST(EngineSelection, FailedStartUpsAreRetriedUntilASupportedEngineStartsTheDriv
 
     // Known engine families without support in this build, and texts that
     // match no row (the match is exact and case-sensitive).
-    for (const char* type : {"KELP", "RILO", "APTINA", "MT9V022", "X5501", "X5503", "kelp", "x7710", "X7710 ",
-                             "X771", ""})
+    for (const char* type : {"KELP", "RILO", "APTINA", "MT9V022", "kelp", "x7710", "X7710 ", "X771", ""})
         expect_rejected(type);
+
+    // An X5501 engine configured for its full register table, with the
+    // table's file missing or not a register table: refused, the reason
+    // names the file, nothing was powered.
+    for (const char* content : {static_cast<const char*>(nullptr), "0x001E 0x0777\nnot a row\n"}) {
+        const std::string dir = testing::TempDir() + "vqx_tables_" + std::to_string(getpid());
+        mkdir(dir.c_str(), 0700);
+        const std::string file = dir + "/mt9m114_full.regs";
+        std::remove(file.c_str());
+        if (content) {
+            FILE* f = std::fopen(file.c_str(), "w");
+            ASSERT_NE(nullptr, f);
+            std::fputs(content, f);
+            std::fclose(f);
+        }
+        setenv("VQX_REGISTER_TABLE_DIR", dir.c_str(), 1);
+        vqxsim::Config x5501;
+        x5501.engine = "X5501";
+        x5501.register_table = 0;
+        auto refused = vqxsim::Simulator::create(x5501);
+        ASSERT_NE(nullptr, refused);
+        vqxsim::set_instance_for_InitHWLayer(refused->hwl());
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(nullptr, VQXSI_OpenSessionWithScanEngine());
+        const std::string log = testing::internal::GetCapturedStderr();
+        vqxsim::set_instance_for_InitHWLayer(nullptr);
+        EXPECT_NE(std::string::npos, log.find(file)) << log;
+        EXPECT_NE(std::string::npos, log.find(content ? "line 2" : "cannot open")) << log;
+        EXPECT_EQ(0u, refused->calls("ImagerPowerOn"));
+        refused->shutdown();
+        std::remove(file.c_str());
+        rmdir(dir.c_str());
+        unsetenv("VQX_REGISTER_TABLE_DIR");
+    }
 
     // The AR0144 engine starts the driver.
     vqxsim::Config config;

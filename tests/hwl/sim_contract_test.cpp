@@ -212,7 +212,7 @@ TEST(SimContract, InitHWLayerInstallationEnvironmentAndFrameInfo)
     vqxsim::set_instance_for_InitHWLayer(nullptr);
 
     if (!vqxsim::environment_instance()) {
-        setenv("VQXSIM_ENGINE", "X5501", 1);
+        setenv("VQXSIM_ENGINE", "NO-SUCH-ENGINE", 1);
         EXPECT_EQ(nullptr, InitHWLayer(nullptr)) << "engines without a model are refused";
         setenv("VQXSIM_ENGINE", "X7710", 1);
         setenv("VQXSIM_FPS", "fast", 1);

@@ -1,0 +1,35 @@
+// Register_burst: see Register_burst.h.
+#include "Register_burst.h"
+
+bool Register_burst::add(uint32_t address, uint16_t value)
+{
+    const bool extends = count != 0 && count < max_run && address == first + 2 * count;
+    if (!extends) {
+        if (!flush())
+            return false;
+        first = address;
+    }
+    values[count++] = value;
+    return true;
+}
+
+bool Register_burst::flush()
+{
+    if (count == 0)
+        return true;
+    const size_t length = count;
+    count = 0;
+    if (hwl.WriteReg(first, values, 2 * length))
+        return true;
+    failed_first = first;
+    failed_length = length;
+    return false;
+}
+
+bool Register_burst::write(const Register_pair* table, size_t n)
+{
+    for (size_t i = 0; i < n; ++i)
+        if (!add(table[i].address, table[i].value))
+            return false;
+    return flush();
+}

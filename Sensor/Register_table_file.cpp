@@ -1,0 +1,139 @@
+// Register_table_file: see Register_table_file.h.
+#include "Register_table_file.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#ifndef VQX_REGISTER_TABLE_DEFAULT_DIR
+#define VQX_REGISTER_TABLE_DEFAULT_DIR "/usr/share/VQXScanInterface/register-tables"
+#endif
+
+namespace {
+
+// A 16-bit hexadecimal number with its 0x prefix at @p p; advances @p p.
+bool parse_hex16(const char*& p, uint16_t& out)
+{
+    while (*p == ' ' || *p == '\t')
+        ++p;
+    if (p[0] != '0' || (p[1] != 'x' && p[1] != 'X'))
+        return false;
+    p += 2;
+    unsigned long v = 0;
+    int digits = 0;
+    for (;; ++p, ++digits) {
+        const char c = *p;
+        unsigned d;
+        if (c >= '0' && c <= '9')
+            d = unsigned(c - '0');
+        else if (c >= 'a' && c <= 'f')
+            d = unsigned(c - 'a' + 10);
+        else if (c >= 'A' && c <= 'F')
+            d = unsigned(c - 'A' + 10);
+        else
+            break;
+        v = v * 16 + d;
+        if (v > 0xFFFF)
+            return false;
+    }
+    if (digits == 0)
+        return false;
+    out = static_cast<uint16_t>(v);
+    return true;
+}
+
+std::string hex4(unsigned v)
+{
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%04X", v & 0xFFFF);
+    return text;
+}
+
+} // namespace
+
+std::string Register_table_file::directory()
+{
+    const char* dir = std::getenv("VQX_REGISTER_TABLE_DIR");
+    return dir && *dir ? dir : VQX_REGISTER_TABLE_DEFAULT_DIR;
+}
+
+std::string Register_table_file::path() const
+{
+    return directory() + "/" + file_name;
+}
+
+bool Register_table_file::load(std::vector<Register_pair>& rows, std::string& error) const
+{
+    return load_from(path(), rows, error);
+}
+
+bool Register_table_file::load_from(const std::string& file, std::vector<Register_pair>& rows,
+                                    std::string& error) const
+{
+    rows.clear();
+    const std::string where = std::string(what) + " \"" + file + "\"";
+    FILE* f = std::fopen(file.c_str(), "r");
+    if (!f) {
+        error = where + ": cannot open (" + std::strerror(errno) + ")";
+        return false;
+    }
+    char line[256];
+    unsigned number = 0;
+    bool ok = true;
+    while (ok && std::fgets(line, sizeof line, f)) {
+        ++number;
+        if (!std::strchr(line, '\n') && !std::feof(f)) {
+            error = where + ": line " + std::to_string(number) + " is too long";
+            ok = false;
+            break;
+        }
+        if (char* hash = std::strchr(line, '#'))
+            *hash = '\0';
+        const char* p = line;
+        while (*p == ' ' || *p == '\t' || *p == '\r' || *p == '\n')
+            ++p;
+        if (*p == '\0')
+            continue;
+        Register_pair row{};
+        bool parsed = parse_hex16(p, row.address);
+        if (parsed) {
+            while (*p == ' ' || *p == '\t')
+                ++p;
+            if (*p == '=')
+                ++p;
+            parsed = parse_hex16(p, row.value);
+        }
+        while (parsed && (*p == ' ' || *p == '\t' || *p == '\r' || *p == '\n'))
+            ++p;
+        if (!parsed || *p != '\0' || row.address % 2 != 0) {
+            error = where + ": line " + std::to_string(number) +
+                    ": expected \"0xRRRR 0xVVVV\" (16-bit hexadecimal, even register)";
+            ok = false;
+            break;
+        }
+        if (rows.size() == max_rows) {
+            error = where + ": more than " + std::to_string(max_rows) + " rows";
+            ok = false;
+            break;
+        }
+        rows.push_back(row);
+    }
+    if (ok && std::ferror(f)) {
+        error = where + ": read error";
+        ok = false;
+    }
+    std::fclose(f);
+    if (ok && rows.empty()) {
+        error = where + ": no rows";
+        ok = false;
+    }
+    if (ok && (rows.front().address != first_register || rows.back().address != last_register)) {
+        error = where + ": rows run from " + hex4(rows.front().address) + " to " + hex4(rows.back().address) +
+                ", this table runs from " + hex4(first_register) + " to " + hex4(last_register);
+        ok = false;
+    }
+    if (!ok)
+        rows.clear();
+    return ok;
+}
