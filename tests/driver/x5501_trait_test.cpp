@@ -1,0 +1,201 @@
+// X5501_trait on the simulated MT9M114: what the end-to-end harness cannot
+// reach. Gain and exposure as the sensor applies them, the host-command
+// protocol with its error codes, standby entered and left (0x28 the first
+// time after a power-up, 0x54 after that), the configuration-word checks,
+// and the register table loader.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "Hwl_logging.h"
+#include "Register_table_file.h"
+#include "Simulator.h"
+#include "X5501_Exposure_controller.h"
+#include "X5501_trait.h"
+#include "test_scope.h"
+
+namespace {
+
+constexpr uint8_t kStreaming = 0x31, kStandby = 0x52;
+
+struct X5501_on_sim {
+    explicit X5501_on_sim(const std::string& faults = "", unsigned command_ms = 2)
+    {
+        vqxsim::Config config;
+        config.engine = "X5501";
+        config.real_time = false;
+        config.command_ms = command_ms;
+        config.boot_ms = 5;
+        std::string error;
+        EXPECT_TRUE(config.faults.parse(faults, &error)) << error;
+        sim = vqxsim::Simulator::create(config, &error);
+        EXPECT_NE(nullptr, sim) << error;
+        hwl = std::make_unique<Hwl_logging_x5501>(static_cast<IHwl_x5501*>(sim->hwl()));
+        trait = std::make_unique<X5501_trait>(*hwl, &controller);
+        controller.bind(trait.get());
+    }
+    ~X5501_on_sim() { sim->shutdown(); }
+    /// Current system state once the firmware finished its command.
+    uint8_t settled_state()
+    {
+        EXPECT_EQ(0, trait->WaitForCompletion(0x8002, 200));
+        return static_cast<uint8_t>(sim->reg(0xDC00) & 0xFF);
+    }
+
+    Driver_scope scope;
+    std::unique_ptr<vqxsim::Simulator> sim;
+    std::unique_ptr<Hwl_logging_x5501> hwl;
+    X5501_Exposure_controller<X5501_trait> controller;
+    std::unique_ptr<X5501_trait> trait;
+};
+
+TEST(X5501Trait, GainAndRowsAreWhatTheSensorApplies)
+{
+    // rows, gain (1/512) -> frame length the sensor must hold, and the
+    // analog gain it applies (within the 6-bit mantissa of gain / 8).
+    struct Row { unsigned rows, gain, frame_length; };
+    const Row rows[] = {
+        {100, 512, 925},    // unity gain, minimum frame length
+        {1000, 4032, 1002}, // top gain, frame stretched by the rows
+        {56, 8, 925},       // bottom gain
+        {923, 700, 925},    // frame length just reached
+        {1835, 1025, 1837}, // a gain between two mantissa steps
+    };
+    X5501_on_sim x;
+    for (const Row& r : rows) {
+        SCOPED_TRACE("rows " + std::to_string(r.rows) + " gain " + std::to_string(r.gain));
+        ASSERT_TRUE(x.trait->set_exposure_gain(r.rows, r.gain, false));
+        EXPECT_EQ(r.rows, x.sim->reg(0x3012));
+        EXPECT_EQ(r.frame_length, x.sim->reg(0x300A));
+        const uint16_t code = x.sim->reg(0x305E);
+        const double applied = double(unsigned(code & 63) << ((code >> 6) & 3)) / 64.0 * 512.0;
+        EXPECT_LE(applied, r.gain);
+        EXPECT_GT(applied, r.gain - std::max(r.gain / 32.0, 8.0));
+        // Round trip: the register's own gain encodes to the same register.
+        EXPECT_EQ(code, X5501_trait::gain_register_of(X5501_trait::effective_gain(code) * 8));
+    }
+}
+
+TEST(X5501Trait, StandbyIsLeftThrough0x28FirstThen0x54AndStopsFrames)
+{
+    X5501_on_sim x;
+    ASSERT_TRUE(x.trait->power_up_init());
+    EXPECT_EQ(kStandby, x.settled_state());
+    EXPECT_FALSE(x.sim->streaming());
+
+    const uint8_t expected_requests[] = {0x28, 0x54, 0x54};
+    for (uint8_t request : expected_requests) {
+        SCOPED_TRACE("leave request " + std::to_string(request));
+        x.trait->trigger_on();
+        EXPECT_EQ(request, x.sim->reg(0xDC00) >> 8) << "requested state";
+        EXPECT_EQ(kStreaming, x.settled_state());
+        EXPECT_TRUE(x.sim->streaming());
+        x.trait->trigger_off();
+        EXPECT_EQ(kStandby, x.settled_state());
+        EXPECT_FALSE(x.sim->streaming());
+    }
+    // A power-up starts over with 0x28.
+    x.trait->sleep();
+    ASSERT_TRUE(x.trait->power_up_init());
+    EXPECT_EQ(kStandby, x.settled_state());
+    x.trait->trigger_on();
+    EXPECT_EQ(0x28, x.sim->reg(0xDC00) >> 8);
+}
+
+TEST(X5501Trait, HostCommandErrorsAreReportedWithTheirCodes)
+{
+    struct Row { const char* faults; unsigned command_ms; int code; };
+    const Row rows[] = {
+        {"", 2, X5501_trait::COMMAND_OK},
+        {"command_error", 2, X5501_trait::COMMAND_INVALID},
+        {"command_hang", 2, X5501_trait::COMMAND_TIMED_OUT},
+        {"", 500, X5501_trait::COMMAND_TIMED_OUT},  // slower than the wait
+        {"regfail_read", 2, X5501_trait::COMMAND_IO_ERROR},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(std::string("faults \"") + r.faults + "\", command " + std::to_string(r.command_ms) + " ms");
+        X5501_on_sim x(r.faults, r.command_ms);
+        Output_capture out;
+        ASSERT_TRUE(x.trait->WriteByteReg(0xDC00, 0x50));
+        uint16_t command = 0x8002;
+        ASSERT_TRUE(x.hwl->WriteReg(0x0080, &command, 2));
+        EXPECT_EQ(r.code, x.trait->WaitForCompletion(0x8002, 100));
+        const std::string report = "ERROR: Command failed, err " + std::to_string(r.code);
+        EXPECT_EQ(r.code == 0 ? 0u : 1u, Output_capture::count(report));
+    }
+    // A leave request in the wrong state: the firmware refuses it.
+    X5501_on_sim x;
+    ASSERT_TRUE(x.trait->WriteByteReg(0xDC00, 0x54));  // streaming, not in standby
+    uint16_t command = 0x8002;
+    ASSERT_TRUE(x.hwl->WriteReg(0x0080, &command, 2));
+    EXPECT_EQ(X5501_trait::COMMAND_INVALID, x.trait->WaitForCompletion(0x8002, 100));
+}
+
+TEST(X5501Trait, PowerUpChecksTheImagerLink)
+{
+    struct Row { uint32_t link; bool ok; const char* report; };
+    const Row rows[] = {
+        {1, true, nullptr},
+        {0, false, "Parallel interface is not supported!"},
+        {2, false, "Only 1 data lane is supported."},
+    };
+    for (const Row& r : rows) {
+        X5501_on_sim x;
+        the_scan_driver->config.imager_link = r.link;
+        Output_capture out;
+        EXPECT_EQ(r.ok, x.trait->power_up_init()) << "link " << r.link;
+        if (r.report)
+            EXPECT_EQ(1u, Output_capture::count(r.report));
+    }
+}
+
+// The table loader, on files written here.
+TEST(RegisterTableFile, AcceptsTablesAndNamesWhatIsWrong)
+{
+    const Register_table_file table{"t.regs", "test table", 0x001E, 0xC954, 4};
+    struct Row { const char* text; bool ok; const char* reason; };
+    const Row rows[] = {
+        {"0x001E 0x0777\n0xC954=0x009A\n", true, nullptr},
+        {"# comment\n\n  0x001E   0x0777  # trailing\r\n0x3180 0x87ff\n0xC954 0x009A", true, nullptr},
+        {"0x001E 0x0777\n0x3181 0x0000\n0xC954 0x009A\n", false, "line 2"},   // odd register
+        {"0x001E 0x0777\n0x3180 0x10000\n0xC954 0x009A\n", false, "line 2"},  // 17-bit value
+        {"0x001E 0x0777\n0x3180\n0xC954 0x009A\n", false, "line 2"},          // no value
+        {"0x001E 0x0777\n3180 0x0000\n0xC954 0x009A\n", false, "line 2"},     // no 0x
+        {"0x001E 0x0777 0x1\n", false, "line 1"},                             // extra field
+        {"# nothing\n", false, "no rows"},
+        {"0x3180 0x87FF\n0xC954 0x009A\n", false, "rows run from 0x3180"},    // another table
+        {"0x001E 0x0777\n0x3180 0x87FF\n", false, "to 0x3180"},
+        {"0x001E 0x1\n0x0002 0x1\n0x0004 0x1\n0x0006 0x1\n0xC954 0x1\n", false, "more than 4 rows"},
+    };
+    const std::string path = testing::TempDir() + "vqx_table_" + std::to_string(getpid()) + ".regs";
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.text);
+        FILE* f = std::fopen(path.c_str(), "w");
+        ASSERT_NE(nullptr, f);
+        std::fputs(r.text, f);
+        std::fclose(f);
+        std::vector<Register_pair> out;
+        std::string error;
+        EXPECT_EQ(r.ok, table.load_from(path, out, error)) << error;
+        if (r.ok) {
+            EXPECT_EQ(0x001E, out.front().address);
+            EXPECT_EQ(0x0777, out.front().value);
+            EXPECT_EQ(0x009A, out.back().value);
+        } else {
+            EXPECT_TRUE(out.empty());
+            EXPECT_NE(std::string::npos, error.find(r.reason)) << error;
+            EXPECT_NE(std::string::npos, error.find(path)) << error;
+        }
+    }
+    std::remove(path.c_str());
+    std::vector<Register_pair> out;
+    std::string error;
+    EXPECT_FALSE(table.load_from(path, out, error));
+    EXPECT_NE(std::string::npos, error.find("cannot open")) << error;
+}
+
+}  // namespace
