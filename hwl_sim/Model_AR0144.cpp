@@ -68,11 +68,6 @@ enum Reg : unsigned {
     DATAPATH_STATUS = 0x306A,
 };
 
-struct Register_value {
-    uint16_t address;
-    uint16_t value;
-};
-
 // Power-on values (16-bit registers). The clock and window values are the
 // engine's own, so that an engine used without its table still runs at
 // about 60 frames a second.
@@ -92,11 +87,6 @@ const unsigned kReadOnly[] = {CHIP_ID, FRAME_COUNT, FRAME_STATUS, DATAPATH_STATU
 constexpr uint16_t STREAM_BIT = 0x0004;
 constexpr uint16_t RESET_BIT = 0x0001;
 constexpr uint16_t RESTART_BIT = 0x0002;
-
-bool overlaps(unsigned address, uint64_t length, unsigned reg, unsigned reg_bytes)
-{
-    return address < reg + reg_bytes && reg < address + length;
-}
 
 class Model_AR0144 : public Sensor_model {
 public:

@@ -106,11 +106,6 @@ constexpr uint16_t SET_STATE = 0x0002;
 constexpr uint16_t COMMAND_OK = 0x8000;
 constexpr uint8_t STATUS_INVALID = 0x0C;
 
-struct Register_value {
-    uint16_t address;
-    uint16_t value;
-};
-
 const Register_value kPowerOn[] = {
     {CHIP_ID, 0x2481},         {FRAME_LENGTH, 925},    {INTEGRATION, 16},
     {GAIN, 0x1060},            {CAM_FRAME_LENGTH, 925}, {CAM_LINE_LENGTH, 1726},
@@ -123,11 +118,6 @@ class IHwl_x5503 : public IHwl_x5501 {
 public:
     const char* EngineType() override { return "X5503"; }
 };
-
-bool overlaps(unsigned address, uint64_t length, unsigned reg, unsigned reg_bytes)
-{
-    return address < reg + reg_bytes && reg < address + length;
-}
 
 uint16_t encode_gain(unsigned gain_64)
 {

@@ -75,6 +75,19 @@ private:
     std::vector<uint8_t> bytes;
 };
 
+/// One register's power-on value, in a model's table of them.
+struct Register_value {
+    uint16_t address;
+    uint16_t value;
+};
+
+/// True when a transfer of @p length bytes at @p address touches the
+/// @p reg_bytes bytes of register @p reg.
+inline bool overlaps(unsigned address, uint64_t length, unsigned reg, unsigned reg_bytes)
+{
+    return address < reg + reg_bytes && reg < address + length;
+}
+
 class Sensor_model {
 public:
     virtual ~Sensor_model() = default;
