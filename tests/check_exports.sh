@@ -1,10 +1,10 @@
 #!/bin/sh
 # Compares the defined dynamic symbols of a shared library with a list.
-# Usage: check_exports.sh LIBRARY EXPECTED_LIST
+# Usage: check_exports.sh LIBRARY EXPECTED_LIST   (NM: the nm to use, default nm)
 set -eu
 lib=$1
 expected=$2
-actual=$(nm -D --defined-only "$lib" | awk '{print $3}' | grep -v '^$' | sort -u)
+actual=$("${NM:-nm}" -D --defined-only "$lib" | awk '{print $3}' | grep -v '^$' | sort -u)
 want=$(grep -v '^#' "$expected" | grep -v '^$' | sort -u)
 if [ "$actual" = "$want" ]; then
   echo "exported symbols match ($(echo "$want" | wc -l) symbols)"

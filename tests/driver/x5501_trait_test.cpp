@@ -135,6 +135,28 @@ TEST(X5501Trait, HostCommandErrorsAreReportedWithTheirCodes)
     EXPECT_EQ(X5501_trait::COMMAND_INVALID, x.trait->WaitForCompletion(0x8002, 100));
 }
 
+TEST(X5501Trait, PowerUpLoadsOnceAndReportsAFailedTable)
+{
+    {
+        X5501_on_sim x;
+        ASSERT_TRUE(x.trait->power_up_init());
+        const uint64_t writes = x.sim->calls("WriteReg");
+        EXPECT_TRUE(x.trait->power_up_init()) << "already initialised";
+        EXPECT_EQ(writes, x.sim->calls("WriteReg"));
+        // After sleep the sensor (in standby, not streaming) is reset and
+        // loaded again.
+        EXPECT_EQ(kStandby, x.settled_state());
+        x.trait->sleep();
+        ASSERT_TRUE(x.trait->power_up_init());
+        EXPECT_EQ(kStandby, x.settled_state());
+        EXPECT_GT(x.sim->calls("WriteReg"), 2 * writes) << "reset and tables again";
+    }
+    X5501_on_sim x("regfail_write=always");
+    Output_capture out;
+    EXPECT_FALSE(x.trait->power_up_init());
+    EXPECT_EQ(1u, Output_capture::count("Fails to write Reg:301A, n = 1!!!"));
+}
+
 TEST(X5501Trait, PowerUpChecksTheImagerLink)
 {
     struct Row { uint32_t link; bool ok; const char* report; };
@@ -148,8 +170,9 @@ TEST(X5501Trait, PowerUpChecksTheImagerLink)
         the_scan_driver->config.imager_link = r.link;
         Output_capture out;
         EXPECT_EQ(r.ok, x.trait->power_up_init()) << "link " << r.link;
-        if (r.report)
+        if (r.report) {
             EXPECT_EQ(1u, Output_capture::count(r.report));
+        }
     }
 }
 

@@ -320,8 +320,9 @@ TEST_P(EngineHarness, Run)
     case Check::truth: {
         const std::vector<Frame> frames = scan(40);
         expect_truth(frames);
-        if (c.full_table)  // the file's first row reached the sensor
+        if (c.full_table) {  // the file's first row reached the sensor
             EXPECT_EQ(0x0777, first_table_row);
+        }
         // Every fault of the list really fired.
         const vqxsim::Counters n = sim->counters();
         const std::pair<const char*, uint64_t> fired[] = {
@@ -330,9 +331,11 @@ TEST_P(EngineHarness, Run)
             {"zero_handle", n.zero_handle_events},
             {"unknown_handle", n.unknown_handle_events},
         };
-        for (const auto& f : fired)
-            if (c.faults.find(f.first) != std::string::npos)
+        for (const auto& f : fired) {
+            if (c.faults.find(f.first) != std::string::npos) {
                 EXPECT_GT(f.second, 0u) << f.first;
+            }
+        }
         break;
     }
     case Check::converge: {

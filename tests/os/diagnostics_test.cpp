@@ -1,4 +1,5 @@
 // Hex dump layout, dbg_output scratch text and assertion reports.
+#include "Death_test_style.h"
 #include "Output_capture.h"
 
 #include <gtest/gtest.h>
@@ -68,6 +69,6 @@ TEST(Diagnostics, OutputAssertionsAndDumpSinks)
                   "Assertion: reached == 1 @ unit line @12\r\n",
                   "0000: 30" + std::string(48, ' ') + " - 0\r\n"}),
               out.messages());
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    set_death_test_style();
     EXPECT_DEATH(sd_fatal(), "");
 }
