@@ -3,7 +3,8 @@
 
 bool Register_burst::add(uint32_t address, uint16_t value)
 {
-    const bool extends = count != 0 && count < max_run && address == first + 2 * count;
+    const size_t limit = layout.max_run < max_run ? layout.max_run : max_run;
+    const bool extends = count != 0 && count < limit && address == first + layout.stride * count;
     if (!extends) {
         if (!flush())
             return false;
@@ -19,7 +20,7 @@ bool Register_burst::flush()
         return true;
     const size_t length = count;
     count = 0;
-    if (hwl.WriteReg(first, values, 2 * length))
+    if (hwl.WriteReg(first, values, layout.length_per_value * length))
         return true;
     failed_first = first;
     failed_length = length;

@@ -1,12 +1,18 @@
 // Register_burst: writes register tables as runs of consecutive registers.
 //
-// Every engine trait that loads a table of 16-bit sensor registers writes it
-// through one Register_burst: entries are queued in table order, and each
-// run of consecutive registers (every register two above the previous one)
-// goes to the hardware layer as a single WriteReg(first register, values,
-// 2 x count). A run also ends after max_run registers, where the buffer is
-// full. A register that does not extend the run writes the run so far
-// first; flush() writes what is left.
+// Every engine trait that loads a register table writes it through one
+// Register_burst: entries are queued in table order, and each run of
+// consecutive registers goes to the hardware layer as a single
+// WriteReg(first register, values, length). The engine's register layout
+// says what consecutive means and how a length counts:
+//   - sixteen_bit (AR0144, MT9M114): 16-bit registers at even addresses,
+//     each two above the previous; the length counts bytes (2 x values);
+//     runs of up to 128 registers;
+//   - one_by_one (MT9V022, Hi704A): every register in a transfer of its own
+//     with length 1 (their hardware layers count registers; their tables
+//     write some registers twice, and in an order that matters).
+// A run also ends where the buffer is full. A register that does not
+// extend the run writes the run so far first; flush() writes what is left.
 //
 // A failed write stops the walk: add() and flush() return false, the values
 // of the failed run are dropped, and failed_register()/failed_count() name
@@ -28,12 +34,22 @@ struct Register_pair {
     uint16_t value;
 };
 
+/// How an engine's registers are addressed and counted in a transfer.
+struct Register_layout {
+    unsigned stride;            ///< address step between consecutive registers
+    unsigned length_per_value;  ///< WriteReg length units per register
+    size_t max_run;             ///< most registers in one WriteReg
+};
+
 class Register_burst {
 public:
-    /// Longest run written with one WriteReg.
+    /// Longest run any layout may ask for.
     static constexpr size_t max_run = 128;
+    static constexpr Register_layout sixteen_bit{2, 2, max_run};
+    static constexpr Register_layout one_by_one{1, 1, 1};
 
-    explicit Register_burst(IHwl& hwl) : hwl(hwl) {}
+    explicit Register_burst(IHwl& hwl, const Register_layout& layout = sixteen_bit)
+        : hwl(hwl), layout(layout) {}
     Register_burst(const Register_burst&) = delete;
     Register_burst& operator=(const Register_burst&) = delete;
 
@@ -51,6 +67,7 @@ public:
 
 private:
     IHwl& hwl;
+    const Register_layout layout;
     uint16_t values[max_run];
     size_t count = 0;
     uint32_t first = 0;

@@ -12,9 +12,11 @@
 
 namespace {
 
-// A 16-bit hexadecimal number with its 0x prefix at @p p; advances @p p.
-bool parse_hex16(const char*& p, uint16_t& out)
+// A hexadecimal number of at most @p bits bits with its 0x prefix at @p p;
+// advances @p p.
+bool parse_hex(const char*& p, unsigned bits, uint16_t& out)
 {
+    const unsigned long limit = (1ul << bits) - 1;
     while (*p == ' ' || *p == '\t')
         ++p;
     if (p[0] != '0' || (p[1] != 'x' && p[1] != 'X'))
@@ -34,7 +36,7 @@ bool parse_hex16(const char*& p, uint16_t& out)
         else
             break;
         v = v * 16 + d;
-        if (v > 0xFFFF)
+        if (v > limit)
             return false;
     }
     if (digits == 0)
@@ -43,10 +45,10 @@ bool parse_hex16(const char*& p, uint16_t& out)
     return true;
 }
 
-std::string hex4(unsigned v)
+std::string hex(unsigned v, unsigned bits)
 {
     char text[8];
-    std::snprintf(text, sizeof text, "0x%04X", v & 0xFFFF);
+    std::snprintf(text, sizeof text, bits == 8 ? "0x%02X" : "0x%04X", v & 0xFFFF);
     return text;
 }
 
@@ -96,19 +98,21 @@ bool Register_table_file::load_from(const std::string& file, std::vector<Registe
         if (*p == '\0')
             continue;
         Register_pair row{};
-        bool parsed = parse_hex16(p, row.address);
+        bool parsed = parse_hex(p, register_bits, row.address);
         if (parsed) {
             while (*p == ' ' || *p == '\t')
                 ++p;
             if (*p == '=')
                 ++p;
-            parsed = parse_hex16(p, row.value);
+            parsed = parse_hex(p, value_bits, row.value);
         }
         while (parsed && (*p == ' ' || *p == '\t' || *p == '\r' || *p == '\n'))
             ++p;
-        if (!parsed || *p != '\0' || row.address % 2 != 0) {
-            error = where + ": line " + std::to_string(number) +
-                    ": expected \"0xRRRR 0xVVVV\" (16-bit hexadecimal, even register)";
+        if (!parsed || *p != '\0' || (register_bits == 16 && row.address % 2 != 0)) {
+            error = where + ": line " + std::to_string(number) + ": expected \"<register> <value>\" (" +
+                    std::to_string(register_bits) + "-bit hexadecimal register" +
+                    (register_bits == 16 ? ", even" : "") + ", " + std::to_string(value_bits) +
+                    "-bit hexadecimal value, each with 0x)";
             ok = false;
             break;
         }
@@ -129,8 +133,9 @@ bool Register_table_file::load_from(const std::string& file, std::vector<Registe
         ok = false;
     }
     if (ok && (rows.front().address != first_register || rows.back().address != last_register)) {
-        error = where + ": rows run from " + hex4(rows.front().address) + " to " + hex4(rows.back().address) +
-                ", this table runs from " + hex4(first_register) + " to " + hex4(last_register);
+        error = where + ": rows run from " + hex(rows.front().address, register_bits) + " to " +
+                hex(rows.back().address, register_bits) + ", this table runs from " +
+                hex(first_register, register_bits) + " to " + hex(last_register, register_bits);
         ok = false;
     }
     if (!ok)

@@ -11,8 +11,10 @@
 // share/VQXScanInterface/register-tables). The engine names the file.
 //
 // Format: one row per line, "<register> <value>" or "<register>=<value>",
-// both hexadecimal with a 0x prefix, 16 bits each, the register even; "#"
-// starts a comment; blank lines are ignored. Rows are written in file order.
+// both hexadecimal with a 0x prefix, of the table's widths (16-bit
+// registers at even addresses and 16-bit values, or 8-bit registers and
+// values); "#" starts a comment; blank lines are ignored. Rows are written
+// in file order.
 //
 // Checks: the file must open, every row must parse, the row count must lie
 // in the engine's bounds, and the first and last registers must be the ones
@@ -37,6 +39,8 @@ struct Register_table_file {
     uint16_t first_register; ///< register of the first row
     uint16_t last_register;  ///< register of the last row
     size_t max_rows;         ///< most rows the table can have
+    unsigned register_bits = 16;  ///< 16 (even registers) or 8
+    unsigned value_bits = 16;     ///< 16 or 8
 
     /// The directory tables are read from (see the file comment).
     static std::string directory();

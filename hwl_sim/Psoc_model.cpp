@@ -25,12 +25,13 @@ bool Psoc_model::valid(unsigned address, const void* data, unsigned count)
 
 bool Psoc_model::write(unsigned address, const uint8_t* data, unsigned count)
 {
-    if (!valid(address, data, count))
+    const bool reset = sensor_reset(address, count) && data != nullptr;
+    if (!reset && !valid(address, data, count))
         return false;
     Psoc_write record;
     record.address = static_cast<uint8_t>(address);
     record.bytes.assign(data, data + count);
-    for (unsigned i = 0; i < count; ++i)
+    for (unsigned i = 0; i < count && !reset; ++i)
         regs[address + i] = address + i == command ? 0 : data[i];
     history.push_back(std::move(record));
     if (history.size() > 1024)

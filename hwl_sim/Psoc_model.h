@@ -7,6 +7,9 @@
 //   0x38 revision low, 0x39 high                 bit 1 illumination, bits 2-4 boost
 // Address 0x37 is a command register (the engines write 1 there to reset the
 // sensor at power-up): writes are accepted and recorded, reads give 0.
+// Address 0x82 is the sensor reset line of the MT9V022 engines: a one-byte
+// write there is accepted and recorded (sensor_reset() tells Sim_core to
+// reset the sensor); it has no register.
 // Every write is kept in a history (the latest 1024).
 //
 // Used by Sim_core under its lock; not thread-safe itself.
@@ -26,6 +29,10 @@ public:
     static constexpr unsigned size = 80;
     static constexpr unsigned light_control = 0x32;
     static constexpr unsigned command = 0x37;
+    static constexpr unsigned sensor_reset_address = 0x82;
+    /// True when a write to @p address of @p count bytes resets the sensor.
+    static bool sensor_reset(unsigned address, unsigned count)
+    { return address == sensor_reset_address && count == 1; }
 
     explicit Psoc_model(const Config& config);
 

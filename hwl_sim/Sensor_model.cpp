@@ -36,6 +36,8 @@ const Model_entry kModels[] = {
     {"X7710", make_model_AR0144},
     {"X5501", make_model_MT9M114},
     {"X5503", make_model_MT9M114},
+    {"MT9V022", make_model_MT9V022},
+    {"RILO", make_model_Hi704A},
 };
 
 }  // namespace

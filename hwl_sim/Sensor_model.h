@@ -143,6 +143,8 @@ std::unique_ptr<Sensor_model> make_sensor_model(const Config& config, std::strin
 
 std::unique_ptr<Sensor_model> make_model_AR0144(const Config& config);
 std::unique_ptr<Sensor_model> make_model_MT9M114(const Config& config);
+std::unique_ptr<Sensor_model> make_model_MT9V022(const Config& config);
+std::unique_ptr<Sensor_model> make_model_Hi704A(const Config& config);
 
 }  // namespace vqxsim
 

@@ -327,6 +327,8 @@ bool Sim_core::WriteIIC_PSOC(unsigned char address, unsigned char* data, unsigne
     bool ok = cfg.psoc_fitted && !psoc_gate.next() && psoc_model.write(address, data, count);
     if (!ok)
         ++this->count.psoc_failures;
+    if (ok && is_supplied && Psoc_model::sensor_reset(address, count))
+        model->set_supply(true);  // the sensor's registers return to their power-on values
     trace.line("WriteIIC_PSOC(0x%02X, %s, %u) = %d", address, hex_bytes(data, count).c_str(), count, ok);
     state_changed();
     return ok;

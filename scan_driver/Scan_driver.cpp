@@ -12,10 +12,11 @@
 // last the frame notifications, once every object a frame touches exists.
 //
 // Engine table: the engine type text is matched exactly (case-sensitive)
-// against seven rows in a fixed order. The AR0144 engine ("X7710") and the
-// MT9M114 engines ("X5501", "X5503") have traits in this build. Decision:
-// any other row, a text matching no row, and an engine whose builder
-// refuses (the X5501's full register table missing or malformed) fail
+// against seven rows in a fixed order. The AR0144 engine ("X7710"), the
+// MT9M114 engines ("X5501", "X5503"), the MT9V022 and the Rilo engines have
+// traits in this build. Decision: any other row, a text matching no row,
+// and an engine whose builder refuses (a register table file missing or
+// malformed: the X5501's full table, the Rilo's initial table) fail
 // start-up before anything is built: a log line names the engine type or
 // the reason, the open that triggered start-up returns null, and the next
 // open tries again. Nothing half-built is left where later code could reach
@@ -55,7 +56,9 @@
 #include "Exposure_controller.h"
 #include "Hwl_logging.h"
 #include "IStream_driver.h"
+#include "MT9V022_trait.h"
 #include "Progress_tracker.h"
+#include "Rilo_trait.h"
 #include "Scan_driver_init.h"
 #include "Sensor.h"
 #include "State_manager.h"
@@ -118,6 +121,39 @@ bool build_x5501(IHwl& hwl, Scan_driver& driver)
     return true;
 }
 
+bool build_mt9v022(IHwl& hwl, Scan_driver& driver)
+{
+    // The engine type "MT9V022" is reported only by an IHwl_MT9V022.
+    auto* decorator = new Hwl_logging_MT9V022(static_cast<IHwl_MT9V022*>(&hwl));
+    auto* controller = new Exposure_controller<MT9V022_trait>();
+    auto* trait = new MT9V022_trait(*decorator, controller);
+    controller->bind(trait);
+    driver.hwl_decorator = decorator;
+    driver.exposure_controller = controller;
+    driver.trait = trait;
+    return true;
+}
+
+// "RILO": the Hi704A's initial register table is device data, read from its
+// file before anything is built (refused like the X5501's full table).
+bool build_rilo(IHwl& hwl, Scan_driver& driver)
+{
+    std::vector<Register_pair> table;
+    std::string error;
+    if (!rilo_init_table.load(table, error)) {
+        dbg_output("Scan driver not started: %s\r\n", error.c_str());
+        return false;
+    }
+    auto* decorator = new Hwl_logging_rilo(static_cast<IHwl_rilo*>(&hwl));
+    auto* controller = new Exposure_controller<Rilo_trait>();
+    auto* trait = new Rilo_trait(*decorator, controller, std::move(table));
+    controller->bind(trait);
+    driver.hwl_decorator = decorator;
+    driver.exposure_controller = controller;
+    driver.trait = trait;
+    return true;
+}
+
 struct Engine_row {
     const char* engine_type;
     Engine_builder build;  // null: no trait for this engine in this build
@@ -125,9 +161,9 @@ struct Engine_row {
 
 const Engine_row engine_table[] = {
     {"KELP", nullptr},
-    {"RILO", nullptr},
+    {"RILO", build_rilo},
     {"APTINA", nullptr},
-    {"MT9V022", nullptr},
+    {"MT9V022", build_mt9v022},
     {"X7710", build_ar0144},
     {"X5501", build_x5501},
     {"X5503", build_x5501},

@@ -52,6 +52,9 @@ def run_case(vqxscan, engine, mode, scene, scale, lights, frames):
     with tempfile.TemporaryDirectory() as tmp:
         log = os.path.join(tmp, "log.csv")
         env = dict(os.environ)
+        # The register table files the project ships (engines that need one).
+        env.setdefault("VQX_REGISTER_TABLE_DIR", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..",
+                                                              "Sensor", "tables"))
         cmd = [vqxscan, "--engine", engine, "--capture-mode", str(mode), "--scene", scene,
                "--scene-scale", scale, "--frames", str(frames), "--continue", "--timeout", "10000",
                "--exposure-log", log]
@@ -71,6 +74,8 @@ def main():
     ap.add_argument("--engines", default="X7710")
     ap.add_argument("--modes", default="0,2,3,4,5,6,7")
     ap.add_argument("--frames", type=int, default=40)
+    ap.add_argument("--lights", default=None,
+                    help="lights for every scene (default: the session's for the barcode, illumination for flat fields)")
     ap.add_argument("--markdown", action="store_true", help="print a Markdown table")
     a = ap.parse_args()
     if not os.access(a.vqxscan, os.X_OK):
@@ -85,7 +90,7 @@ def main():
         for mode in a.modes.split(","):
             cells = []
             for _, scene, scale, lights in SCENES:
-                n = run_case(a.vqxscan, engine, int(mode), scene, scale, lights, a.frames)
+                n = run_case(a.vqxscan, engine, int(mode), scene, scale, a.lights or lights, a.frames)
                 cells.append("-" if n is None else str(n))
             row = [engine, mode] + cells
             print(("| " + " | ".join(row) + " |") if a.markdown else "\t".join(row), flush=True)

@@ -52,23 +52,46 @@ struct Engine {
     /// whichever is more (0, 0: the attribute is the applied gain).
     double gain_share;
     double gain_units;
+    bool exposure_in_us;          ///< exposure attribute in microseconds, not rows
+    double fixed_gain_512;        ///< the sensor gain (x) an ES_FIXED_GAIN of 512 programs
     std::vector<unsigned> modes;  ///< streaming capture modes
     /// Frame event faults the trait's exposure credit survives.
     const char* event_faults;
-    /// Register table file of the engine's full table (Sensor/tables), or
-    /// null: the truth case also runs with it.
-    const char* table_file = nullptr;
+    /// The engine has a full register table in a file: its truth case also
+    /// runs with it.
+    bool full_table_case;
+    /// Scan with the illumination only: on a 640 or 752 x 480 frame the
+    /// aimer pattern passes 3% of the samples taken from the first two
+    /// thirds of a frame (capture modes 1 to 3), and the 97th percentile
+    /// is the aimer's (documented).
+    bool aimer_off;
+    /// Scenes ("scene x scale") the engine cannot bring into the window
+    /// (documented in the README): there the loop must come to rest at the
+    /// setting nearest to it (the same exposure and gain for the last 10
+    /// frames) and the stream must live.
+    std::vector<std::string> out_of_reach;
 };
 
+// Events the driver refuses (no buffer, unknown buffer) leave every trait's
+// credit exact. Traits that step their histories once per frame event, with
+// no frame counter to follow (X5501, X5503, MT9V022), lose a frame of
+// credit to a frame whose event is lost or to a late second event taken
+// for a new frame (documented); the AR0144 follows its frame counter and
+// the Rilo reads its exposure back from the sensor.
 const Engine kEngines[] = {
-    {"X7710", 256.0, 0.0, 0.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5"},
-    // The MT9M114's gain register keeps a 6-bit mantissa of gain / 8. Its
-    // trait steps its histories once per frame event, with no frame counter
-    // to follow: a frame whose event is lost, or a late second event taken
-    // for a new frame, shifts its credit (documented). Events the driver
-    // refuses (no buffer, unknown buffer) leave it exact.
-    {"X5501", 512.0, 1.0 / 32, 8.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", "mt9m114_full.regs"},
-    {"X5503", 512.0, 1.0 / 32, 8.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", "mt9m114_full.regs"},
+    {"X7710", 256.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5", false, false, {}},
+    // The MT9M114's gain register keeps a 6-bit mantissa of gain / 8; the
+    // X5501 takes ES_FIXED_GAIN in its own 1/512 unit.
+    {"X5501", 512.0, 1.0 / 32, 8.0, false, 1.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", true, false, {}},
+    {"X5503", 512.0, 1.0 / 32, 8.0, false, 1.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", true, false, {}},
+    // MT9V022: automatic exposure at a fixed 2x in rows of 35 us; a flat
+    // field 16 times brighter lies between 1 row (too dark) and 2 rows,
+    // from which the truncating split steps back to 1.
+    {"MT9V022", 16.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", false, true,
+     {"flat x16"}},
+    // Rilo: 200 us to 8.9 ms at a fixed 2x, a 45-fold range.
+    {"RILO", 256.0, 0.0, 0.0, true, 2.0, {0, 2, 3, 4, 5}, "drop=*7,duplicate=*5", false, true,
+     {"barcode x16", "flat x1/16", "flat x16"}},
 };
 
 /// True when @p sensor_gain (a multiple of 1x) is the gain the attribute
@@ -120,7 +143,7 @@ std::vector<Case> all_cases()
             c.faults = e.event_faults;
             cases.push_back(c);
             c.faults.clear();
-            if (e.table_file && mode == 3) {
+            if (e.full_table_case && mode == 3) {
                 c.full_table = true;
                 cases.push_back(c);
                 c.full_table = false;
@@ -201,10 +224,10 @@ protected:
         config.scene = c.scene == "flat" ? vqxsim::Scene_kind::flat : vqxsim::Scene_kind::barcode;
         config.flat_level = 128;
         config.scene_scale = c.scale;
-        if (c.full_table) {
+        // The register table files the project ships.
+        setenv("VQX_REGISTER_TABLE_DIR", VQX_TABLE_SOURCE_DIR, 1);
+        if (c.full_table)
             config.register_table = 0;  // anything but the short table
-            setenv("VQX_REGISTER_TABLE_DIR", VQX_TABLE_SOURCE_DIR, 1);
-        }
         std::string error;
         ASSERT_TRUE(config.faults.parse(c.faults, &error)) << error;
         sim = sim_client::kept_simulator(config);
@@ -228,7 +251,7 @@ protected:
         EXPECT_NE(nullptr, static_cast<VQXSI_HANDLE>(s));
         if (!s)
             return frames;
-        if (c.scene == "flat" || c.method < 2) {
+        if (c.scene == "flat" || c.method < 2 || c.engine->aimer_off) {
             // With the aimer on, the aimer pattern is the brightest 3% of a
             // uniform scene's samples, and all that the centre method samples
             // of the barcode: it sets the white value. Light the scene evenly.
@@ -301,8 +324,10 @@ protected:
         unsigned wrong = 0;
         for (const Frame& f : frames) {
             ASSERT_TRUE(f.known) << "the simulator does not know frame " << f.attributes.frame_number;
-            const bool same = f.attributes.exposure == f.sensor.rows &&
-                              same_gain(e, f.attributes.gain, f.sensor.gain);
+            const bool same_exposure = e.exposure_in_us
+                                           ? std::fabs(f.attributes.exposure - double(f.sensor.exposure_us)) <= 1.0
+                                           : f.attributes.exposure == f.sensor.rows;
+            const bool same = same_exposure && same_gain(e, f.attributes.gain, f.sensor.gain);
             wrong += same ? 0 : 1;
         }
         EXPECT_EQ(0u, wrong) << "frames whose attributes differ from what the sensor used:\n" << trace(frames);
@@ -341,20 +366,34 @@ TEST_P(EngineHarness, Run)
     case Check::converge: {
         const std::vector<Frame> frames = scan(40);
         expect_truth(frames);
+        const std::string scene = c.scene + (c.scale < 1 ? " x1/16" : c.scale > 1 ? " x16" : " x1");
+        const auto& reach = c.engine->out_of_reach;
+        if (std::find(reach.begin(), reach.end(), scene) != reach.end()) {
+            ASSERT_EQ(40u, frames.size());
+            for (size_t i = frames.size() - 10; i < frames.size(); ++i) {
+                EXPECT_EQ(frames.back().sensor.rows, frames[i].sensor.rows) << trace(frames);
+                EXPECT_EQ(frames.back().sensor.gain, frames[i].sensor.gain) << trace(frames);
+            }
+            break;
+        }
         const size_t at = settled(frames);
         ASSERT_LT(at, frames.size()) << "never settled within " << target << " +- " << gap << ":\n" << trace(frames);
         EXPECT_LE(frames[at].attributes.frame_number, 30u) << trace(frames);
         break;
     }
     case Check::fixed: {
-        // 2000 us and a fixed gain of 512 (2x in 1/256 units; engines with
-        // another gain unit take the number in theirs): the sensor's
-        // exposure within one row, its gain what 512 programs.
-        const std::vector<Frame> frames = scan(8, {ES_FIXED_EXP_US, 2000, ES_FIXED_GAIN_256, 512}, 0);
+        // 2000 us and a fixed gain of 512 (2x in 1/256 units; the X5501
+        // takes the number in its own unit): the sensor's exposure within
+        // one row, its gain what 512 programs.
+        // From the fifth frame: an engine may start from what its sensor
+        // holds (MT9V022) and program the fixed values with its first
+        // update.
+        const std::vector<Frame> frames = scan(10, {ES_FIXED_EXP_US, 2000, ES_FIXED_GAIN_256, 512}, 0);
         expect_truth(frames);
-        for (const Frame& f : frames) {
+        ASSERT_EQ(10u, frames.size());
+        for (const Frame& f : std::vector<Frame>(frames.begin() + 4, frames.end())) {
             EXPECT_NEAR(2000.0, f.sensor.exposure_us, 25.0);
-            EXPECT_TRUE(same_gain(*c.engine, 512, f.sensor.gain)) << "sensor gain " << f.sensor.gain;
+            EXPECT_NEAR(c.engine->fixed_gain_512, f.sensor.gain, c.engine->fixed_gain_512 / 32) << "sensor gain";
         }
         break;
     }

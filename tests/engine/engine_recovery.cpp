@@ -1,0 +1,102 @@
+// Engine-specific recovery, end to end through the C interface on the
+// simulated sensors, one process per case (ctest runs each alone):
+//   - MT9V022: no frame within 200 ms of the trigger gives exactly one
+//     late-vsync report, one sensor reset and one table reload, and frames
+//     flow again;
+//   - RILO: a stop puts the sensor to sleep (its output really stops) and
+//     the next start wakes it.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include <VQXScanInterface.h>
+
+#include "Sim_client.h"
+#include "Simulator.h"
+
+namespace {
+
+using sim_client::Session;
+using sim_client::wait_until;
+
+vqxsim::Simulator* start_sim(const char* engine, const char* faults)
+{
+    setenv("VQX_REGISTER_TABLE_DIR", VQX_TABLE_SOURCE_DIR, 1);
+    vqxsim::Config config;
+    config.engine = engine;
+    config.fps = 120.0;
+    config.render = vqxsim::Render_mode::fast;
+    config.capture_mode = 3;
+    std::string error;
+    EXPECT_TRUE(config.faults.parse(faults, &error)) << error;
+    vqxsim::Simulator* sim = sim_client::kept_simulator(config);
+    vqxsim::set_instance_for_InitHWLayer(sim->hwl());
+    return sim;
+}
+
+size_t count(const std::string& text, const std::string& part)
+{
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++n;
+    return n;
+}
+
+TEST(EngineRecovery, MT9V022LateVsyncReloadsTheTableOnceAndFramesFlow)
+{
+    vqxsim::Simulator* sim = start_sim("MT9V022", "first_frame_delay=250");
+    testing::internal::CaptureStderr();
+    {
+        Session s;
+        ASSERT_NE(nullptr, static_cast<VQXSI_HANDLE>(s));
+        ASSERT_EQ(1, VQXSI_StartScanning(s));
+        for (int i = 0; i < 10; ++i) {
+            void* frame = VQXSI_GetNewScan(s);
+            ASSERT_NE(nullptr, frame) << "frame " << i;
+            EXPECT_EQ(1, VQXSI_UnlockBuffer(s, frame));
+        }
+        // The reset returned the sensor to its automatic exposure; the
+        // table's reload made it manual again.
+        EXPECT_EQ(0, sim->reg(0xAF));
+        EXPECT_EQ(1, VQXSI_StopScanning(s));
+    }
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(1u, count(log, "A late vsync has occured")) << log;
+    // Two sensor resets through the PSoC: power-up and late vsync.
+    unsigned resets = 0;
+    for (const vqxsim::Psoc_write& w : sim->psoc_writes())
+        resets += w.address == 0x82;
+    EXPECT_EQ(2u, resets);
+    EXPECT_TRUE(wait_until([sim] { return sim->buffers_in(vqxsim::Buffer_state::delivered) == 0; }, 2000));
+    sim->shutdown();
+}
+
+TEST(EngineRecovery, RiloSleepsWhenStoppedAndWakesOnStart)
+{
+    vqxsim::Simulator* sim = start_sim("RILO", "");
+    Session s;
+    ASSERT_NE(nullptr, static_cast<VQXSI_HANDLE>(s));
+    for (int scan = 0; scan < 2; ++scan) {
+        SCOPED_TRACE("scan " + std::to_string(scan));
+        ASSERT_EQ(1, VQXSI_StartScanning(s));
+        for (int i = 0; i < 5; ++i) {
+            void* frame = VQXSI_GetNewScan(s);
+            ASSERT_NE(nullptr, frame);
+            EXPECT_EQ(1, VQXSI_UnlockBuffer(s, frame));
+        }
+        EXPECT_TRUE(sim->streaming());
+        EXPECT_EQ(1, VQXSI_StopScanning(s));
+        // Asleep: the sensor makes no frames at all.
+        EXPECT_TRUE(wait_until([sim] { return !sim->streaming(); }, 1000));
+        const uint64_t made = sim->counters().sensor_frames;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_EQ(made, sim->counters().sensor_frames);
+    }
+    EXPECT_TRUE(wait_until([sim] { return sim->buffers_in(vqxsim::Buffer_state::delivered) == 0; }, 2000));
+    sim->shutdown();
+}
+
+}  // namespace
