@@ -38,6 +38,7 @@ const Model_entry kModels[] = {
     {"X5503", make_model_MT9M114},
     {"MT9V022", make_model_MT9V022},
     {"RILO", make_model_Hi704A},
+    {"KELP", make_model_Kelp},
 };
 
 }  // namespace

@@ -119,6 +119,9 @@ public:
     /// Control_pipeline.h, which applies both).
     virtual unsigned frame_latency() const = 0;
     virtual unsigned gain_latency() const { return frame_latency(); }
+    /// Light the sensor turns into signal, relative to the simulator's
+    /// reference engine (X7710: 1): each engine's optics and pixels.
+    virtual double sensitivity() const { return 1.0; }
 
     /// Sensors with firmware of their own act some time after a register
     /// access (a command completes, a reset finishes). next_event() is the
@@ -145,6 +148,7 @@ std::unique_ptr<Sensor_model> make_model_AR0144(const Config& config);
 std::unique_ptr<Sensor_model> make_model_MT9M114(const Config& config);
 std::unique_ptr<Sensor_model> make_model_MT9V022(const Config& config);
 std::unique_ptr<Sensor_model> make_model_Hi704A(const Config& config);
+std::unique_ptr<Sensor_model> make_model_Kelp(const Config& config);
 
 }  // namespace vqxsim
 

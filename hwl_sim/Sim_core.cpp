@@ -765,8 +765,9 @@ Render_params Sim_core::render_params(const Frame_settings& f) const
     double boost = 1.0 + 0.25 * ((light >> 2) & 7);
     bool lit = illum_on || (light & 2) != 0;
     bool aiming = aim_on || (light & 1) != 0;
-    p.light = (ambient + (lit ? cfg.illumination * boost : 0.0)) * scene_scale;
-    p.aimer_light = aiming ? cfg.aimer_light * scene_scale : 0.0;
+    const double signal = scene_scale * model->sensitivity();
+    p.light = (ambient + (lit ? cfg.illumination * boost : 0.0)) * signal;
+    p.aimer_light = aiming ? cfg.aimer_light * signal : 0.0;
     p.exposure_us = f.exposure_us;
     p.gain = f.analog_gain * f.digital_gain;
     bool rotated = cfg.orientation == 180;
@@ -840,6 +841,7 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
     int index = pick_target();
     Frame_settings settings = pipeline.advance(model->controls());
     model->begin_frame(settings);
+    state_changed();  // a sensor may stop by itself after a frame (single frame)
     ++count.sensor_frames;
     ++frame_number;
     last_exposure_us = settings.exposure_us;

@@ -13,8 +13,8 @@
 //
 // Engine table: the engine type text is matched exactly (case-sensitive)
 // against seven rows in a fixed order. The AR0144 engine ("X7710"), the
-// MT9M114 engines ("X5501", "X5503"), the MT9V022 and the Rilo engines have
-// traits in this build. Decision: any other row, a text matching no row,
+// MT9M114 engines ("X5501", "X5503"), the MT9V022, Rilo and Kelp engines
+// have traits in this build. Decision: any other row, a text matching no row,
 // and an engine whose builder refuses (a register table file missing or
 // malformed: the X5501's full table, the Rilo's initial table) fail
 // start-up before anything is built: a log line names the engine type or
@@ -56,6 +56,7 @@
 #include "Exposure_controller.h"
 #include "Hwl_logging.h"
 #include "IStream_driver.h"
+#include "Kelp_trait.h"
 #include "MT9V022_trait.h"
 #include "Progress_tracker.h"
 #include "Rilo_trait.h"
@@ -121,6 +122,19 @@ bool build_x5501(IHwl& hwl, Scan_driver& driver)
     return true;
 }
 
+bool build_kelp(IHwl& hwl, Scan_driver& driver)
+{
+    // The engine type "KELP" is reported only by an IHwl_kelp.
+    auto* decorator = new Hwl_logging_kelp(static_cast<IHwl_kelp*>(&hwl));
+    auto* controller = new Exposure_controller<Kelp_trait>();
+    auto* trait = new Kelp_trait(*decorator, controller);
+    controller->bind(trait);
+    driver.hwl_decorator = decorator;
+    driver.exposure_controller = controller;
+    driver.trait = trait;
+    return true;
+}
+
 bool build_mt9v022(IHwl& hwl, Scan_driver& driver)
 {
     // The engine type "MT9V022" is reported only by an IHwl_MT9V022.
@@ -160,7 +174,7 @@ struct Engine_row {
 };
 
 const Engine_row engine_table[] = {
-    {"KELP", nullptr},
+    {"KELP", build_kelp},
     {"RILO", build_rilo},
     {"APTINA", nullptr},
     {"MT9V022", build_mt9v022},

@@ -76,8 +76,8 @@ struct Engine {
 // credit exact. Traits that step their histories once per frame event, with
 // no frame counter to follow (X5501, X5503, MT9V022), lose a frame of
 // credit to a frame whose event is lost or to a late second event taken
-// for a new frame (documented); the AR0144 follows its frame counter and
-// the Rilo reads its exposure back from the sensor.
+// for a new frame (documented); the AR0144 and the Kelp follow their frame
+// counters and the Rilo reads its exposure back from the sensor.
 const Engine kEngines[] = {
     {"X7710", 256.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5", false, false, {}},
     // The MT9M114's gain register keeps a 6-bit mantissa of gain / 8; the
@@ -89,6 +89,8 @@ const Engine kEngines[] = {
     // from which the truncating split steps back to 1.
     {"MT9V022", 16.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", false, true,
      {"flat x16"}},
+    // Kelp: the project's own engine, with a frame counter like the AR0144's.
+    {"KELP", 256.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5", false, false, {}},
     // Rilo: 200 us to 8.9 ms at a fixed 2x, a 45-fold range.
     {"RILO", 256.0, 0.0, 0.0, true, 2.0, {0, 2, 3, 4, 5}, "drop=*7,duplicate=*5", false, true,
      {"barcode x16", "flat x1/16", "flat x16"}},
