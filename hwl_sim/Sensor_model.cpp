@@ -39,6 +39,7 @@ const Model_entry kModels[] = {
     {"MT9V022", make_model_MT9V022},
     {"RILO", make_model_Hi704A},
     {"KELP", make_model_Kelp},
+    {"APTINA", make_model_Aptina},
 };
 
 }  // namespace

@@ -149,6 +149,7 @@ std::unique_ptr<Sensor_model> make_model_MT9M114(const Config& config);
 std::unique_ptr<Sensor_model> make_model_MT9V022(const Config& config);
 std::unique_ptr<Sensor_model> make_model_Hi704A(const Config& config);
 std::unique_ptr<Sensor_model> make_model_Kelp(const Config& config);
+std::unique_ptr<Sensor_model> make_model_Aptina(const Config& config);
 
 }  // namespace vqxsim
 

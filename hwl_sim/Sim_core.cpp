@@ -20,7 +20,7 @@ const char* const kOperations[] = {
     "ImagerPowerOn", "ImagerPowerOff", "InitCapture", "StartSnapshot", "ResetTransferHardware", "AimOn",
     "AimOff", "IllumConfig", "IllumOn", "IllumOff", "WriteReg", "ReadReg", "GetConfig", "LoadCaptureInfo",
     "EnableVsyncProcessing", "StartScanning", "StopScanning", "OpenSession", "CloseSession",
-    "RequestStopScanning",
+    "RequestStopScanning", "LedControlState", "SetExposureGain", "RowTime", "CancelDeferredInitCapture",
 };
 
 // Live instances, for vqxsim_frame_info. Taken before any instance's lock.
@@ -536,6 +536,16 @@ bool Sim_core::IllumOff()
 // ---------------------------------------------------------------------------
 // Sensor registers
 // ---------------------------------------------------------------------------
+
+unsigned Sim_core::engine_operation(const char* name, const std::function<unsigned(Sensor_model&)>& op)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    note(name);
+    const unsigned result = is_supplied ? op(*model) : 0;
+    trace.line("%s() = %u", name, result);
+    state_changed();
+    return result;
+}
 
 bool Sim_core::WriteReg(unsigned int address, uint16_t* values, uint64_t length)
 {

@@ -54,6 +54,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -114,6 +115,10 @@ public:
     bool OpenSession();
     void CloseSession();
     bool RequestStopScanning(IHwl::Stop_callback callback, void* context);
+    /// An engine's own operation beyond IHwl (IHwl_aptina's): @p op runs on
+    /// the sensor model under the lock (only while the sensor is supplied;
+    /// else the result is 0), counted and traced under @p name.
+    unsigned engine_operation(const char* name, const std::function<unsigned(Sensor_model&)>& op);
 
     // Control and inspection (Simulator).
     unsigned step(unsigned frames, unsigned timeout_ms);

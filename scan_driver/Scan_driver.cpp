@@ -13,10 +13,11 @@
 //
 // Engine table: the engine type text is matched exactly (case-sensitive)
 // against seven rows in a fixed order. The AR0144 engine ("X7710"), the
-// MT9M114 engines ("X5501", "X5503"), the MT9V022, Rilo and Kelp engines
-// have traits in this build. Decision: any other row, a text matching no row,
-// and an engine whose builder refuses (a register table file missing or
-// malformed: the X5501's full table, the Rilo's initial table) fail
+// MT9M114 engines ("X5501", "X5503"), the MT9V022, Rilo, Kelp and Aptina
+// engines have traits in this build (the Aptina trait delivers no frames:
+// see Aptina_trait.h). Decision: a text matching no row, and an engine
+// whose builder refuses (a register table file missing or malformed: the
+// X5501's full table, the Rilo's initial table) fail
 // start-up before anything is built: a log line names the engine type or
 // the reason, the open that triggered start-up returns null, and the next
 // open tries again. Nothing half-built is left where later code could reach
@@ -50,6 +51,7 @@
 #include <vector>
 
 #include "AR0144_trait.h"
+#include "Aptina_trait.h"
 #include "Available_buffer.h"
 #include "Buffer_locker.h"
 #include "Diagnostics.h"
@@ -122,6 +124,19 @@ bool build_x5501(IHwl& hwl, Scan_driver& driver)
     return true;
 }
 
+bool build_aptina(IHwl& hwl, Scan_driver& driver)
+{
+    // The engine type "APTINA" is reported only by an IHwl_aptina.
+    auto* decorator = new Hwl_logging_aptina(static_cast<IHwl_aptina*>(&hwl));
+    auto* controller = new Exposure_controller<Aptina_trait>();
+    auto* trait = new Aptina_trait(*decorator, controller);
+    controller->bind(trait);
+    driver.hwl_decorator = decorator;
+    driver.exposure_controller = controller;
+    driver.trait = trait;
+    return true;
+}
+
 bool build_kelp(IHwl& hwl, Scan_driver& driver)
 {
     // The engine type "KELP" is reported only by an IHwl_kelp.
@@ -170,13 +185,13 @@ bool build_rilo(IHwl& hwl, Scan_driver& driver)
 
 struct Engine_row {
     const char* engine_type;
-    Engine_builder build;  // null: no trait for this engine in this build
+    Engine_builder build;  // false: the engine refused to start (reported)
 };
 
 const Engine_row engine_table[] = {
     {"KELP", build_kelp},
     {"RILO", build_rilo},
-    {"APTINA", nullptr},
+    {"APTINA", build_aptina},
     {"MT9V022", build_mt9v022},
     {"X7710", build_ar0144},
     {"X5501", build_x5501},
@@ -245,11 +260,6 @@ bool Initialize_scan_driver_runonce(void* arg)
     const Engine_row* engine = find_engine(engine_type);
     if (!engine) {
         dbg_output("Scan driver not started: unknown engine type \"%s\"\r\n", engine_type);
-        return false;
-    }
-    if (!engine->build) {
-        dbg_output("Scan driver not started: engine type \"%s\" is not supported by this build\r\n",
-                   engine_type);
         return false;
     }
     if (!engine->build(*hwl, d))

@@ -4,7 +4,9 @@
 //     late-vsync report, one sensor reset and one table reload, and frames
 //     flow again;
 //   - RILO: a stop puts the sensor to sleep (its output really stops) and
-//     the next start wakes it.
+//     the next start wakes it;
+//   - APTINA: a scan delivers no frame (the trait leaves frame delivery
+//     unimplemented) and no call waits for one.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -96,6 +98,22 @@ TEST(EngineRecovery, RiloSleepsWhenStoppedAndWakesOnStart)
         EXPECT_EQ(made, sim->counters().sensor_frames);
     }
     EXPECT_TRUE(wait_until([sim] { return sim->buffers_in(vqxsim::Buffer_state::delivered) == 0; }, 2000));
+    sim->shutdown();
+}
+
+// The Aptina engine leaves frame delivery to operations it does not
+// implement: a scan starts, delivers nothing, and nothing waits for it.
+TEST(EngineRecovery, AptinaScansDeliverNoFrameAndNothingWaits)
+{
+    vqxsim::Simulator* sim = start_sim("APTINA", "");
+    Session s;
+    ASSERT_NE(nullptr, static_cast<VQXSI_HANDLE>(s));
+    EXPECT_EQ(1, VQXSI_StartScanning(s));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(nullptr, VQXSI_GetNewScan(s));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_EQ(1, VQXSI_StopScanning(s));
+    EXPECT_GT(sim->calls("SetExposureGain"), 0u) << "the starting exposure reached the layer";
     sim->shutdown();
 }
 
