@@ -333,8 +333,8 @@ bool AR0144_trait::start_streaming()
     if (!streaming) {
         advance_history(HISTORY_FILL);
         uint16_t count = 0;
-        frame_count_known = read_reg(REG_FRAME_COUNT, count);
-        last_frame_count = count;
+        const bool counted = read_reg(REG_FRAME_COUNT, count);
+        frame_counter.restart(counted, count);
     }
     const bool ok = write_reg(REG_RESET, engine_variant() != 0 ? RESET_STREAM_SERIAL : RESET_STREAM_PARALLEL);
     if (ok)
@@ -587,12 +587,7 @@ void AR0144_trait::follow_frame_counter()
     // nothing. Without a counter reading, one frame.
     uint16_t count = 0;
     const bool counted = read_reg(REG_FRAME_COUNT, count);
-    unsigned frames = 1;
-    if (counted && frame_count_known)
-        frames = std::min<unsigned>(static_cast<uint16_t>(count - last_frame_count), HISTORY_SIZE);
-    frame_count_known = counted;
-    last_frame_count = count;
-    advance_history(frames);
+    advance_history(frame_counter.since(counted, count, HISTORY_SIZE));
     exposure_now = exposure_history.at(DELIVERED_SLOT);
     gain_now = gain_history.at(DELIVERED_SLOT);
     contrast_now = exposure_now * gain_now;
@@ -609,7 +604,7 @@ unsigned int AR0144_trait::current_exposure()
     // capture modes 1 to 3 a frame lost after its inter-frame point is
     // followed in the same buffer by the next one, whose inter-frame point
     // the driver never sees. The counter says so; then step to it.
-    if (power_state == POWER_STREAMING && frame_count_known)
+    if (power_state == POWER_STREAMING && frame_counter.counting())
         follow_frame_counter();
     return exposure_now;
 }

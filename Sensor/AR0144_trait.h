@@ -179,6 +179,7 @@
 
 #include <cstdint>
 
+#include "Frame_counter.h"
 #include "IHwl.h"
 #include "Psoc.h"
 #include "Sensor_trait.h"
@@ -302,8 +303,7 @@ private:
     unsigned contrast_now = 1;
     unsigned exposure_now = 1;
     unsigned gain_now = 1;
-    uint16_t last_frame_count = 0;    ///< 0x303A at the last programming point
-    bool frame_count_known = false;   ///< last_frame_count was read
+    Frame_counter frame_counter;      ///< 0x303A at the last programming point
     Controller* controller;
     Psoc psoc;
     uint8_t power_state = POWER_OFF;

@@ -27,15 +27,7 @@ const Register_pair init_table[] = {
     {Kelp_trait::REG_EXPOSURE, 21},
     {Kelp_trait::REG_GAIN, 256},
 };
-
-unsigned table_value(uint16_t reg)
-{
-    unsigned value = 0;
-    for (const Register_pair& row : init_table)
-        if (row.address == reg)
-            value = row.value;
-    return value;
-}
+constexpr size_t init_table_size = sizeof init_table / sizeof init_table[0];
 
 } // namespace
 
@@ -73,10 +65,10 @@ bool Kelp_trait::power_up_init()
     hwl.ImagerPowerUp();
     streaming = false;
     Register_burst burst(hwl);
-    powered = burst.write(init_table, sizeof init_table / sizeof init_table[0]);
+    powered = burst.write(init_table, init_table_size);
     if (powered) {
-        exposure_history.newest() = table_value(REG_EXPOSURE);
-        gain_history.newest() = table_value(REG_GAIN);
+        exposure_history.newest() = table_value(init_table, init_table_size, REG_EXPOSURE);
+        gain_history.newest() = table_value(init_table, init_table_size, REG_GAIN);
     }
     return powered;
 }
@@ -121,11 +113,7 @@ bool Kelp_trait::deinitialize_scanning()
 void Kelp_trait::trigger_on()
 {
     if (!streaming) {
-        // The frames to come were taken with what the registers hold now.
-        step(HISTORY_SIZE);
-        uint16_t count = 0;
-        frame_count_known = read_reg(REG_FRAME_COUNT, count);
-        last_frame_count = count;
+        restart_histories();
     }
     streaming = write_reg(REG_MODE, MODE_STREAM);
 }
@@ -139,10 +127,7 @@ void Kelp_trait::trigger_off()
 void Kelp_trait::trigger_once()
 {
     if (!streaming) {
-        step(HISTORY_SIZE);
-        uint16_t count = 0;
-        frame_count_known = read_reg(REG_FRAME_COUNT, count);
-        last_frame_count = count;
+        restart_histories();
     }
     write_reg(REG_MODE, MODE_SINGLE_FRAME);
     streaming = false;  // the sensor stands by again after the frame
@@ -175,16 +160,20 @@ void Kelp_trait::step(unsigned frames)
     }
 }
 
+void Kelp_trait::restart_histories()
+{
+    // The frames to come were taken with what the registers hold now.
+    step(HISTORY_SIZE);
+    uint16_t count = 0;
+    const bool counted = read_reg(REG_FRAME_COUNT, count);
+    frame_counter.restart(counted, count);
+}
+
 void Kelp_trait::exposure_frame()
 {
     uint16_t count = 0;
     const bool counted = read_reg(REG_FRAME_COUNT, count);
-    unsigned frames = 1;
-    if (counted && frame_count_known)
-        frames = std::min<unsigned>(static_cast<uint16_t>(count - last_frame_count), HISTORY_SIZE);
-    frame_count_known = counted;
-    last_frame_count = count;
-    step(frames);
+    step(frame_counter.since(counted, count, HISTORY_SIZE));
     exposure_now = exposure_history.at(DELIVERED_SLOT);
     gain_now = gain_history.at(DELIVERED_SLOT);
     contrast_now = exposure_now * gain_now;

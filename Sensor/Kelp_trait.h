@@ -53,6 +53,7 @@
 
 #include <cstdint>
 
+#include "Frame_counter.h"
 #include "IHwl.h"
 #include "Sensor_trait.h"
 #include "history_queue.h"
@@ -117,6 +118,7 @@ private:
     bool write_reg(uint16_t address, uint16_t value);
     bool read_reg(uint16_t address, uint16_t& value);
     void step(unsigned frames);
+    void restart_histories();
     bool apply_lights(uint8_t code);
 
     history_queue<unsigned> exposure_history;
@@ -124,8 +126,7 @@ private:
     unsigned contrast_now = 1;
     unsigned exposure_now = 1;
     unsigned gain_now = 1;
-    uint16_t last_frame_count = 0;
-    bool frame_count_known = false;
+    Frame_counter frame_counter;  ///< 0x0300 at the last programming point
     bool streaming = false;
     bool powered = false;
     uint8_t idle_code = 0;

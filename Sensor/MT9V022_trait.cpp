@@ -51,16 +51,6 @@ bool idle_led_mode(uint32_t mode)
     return mode == 1 || mode == 3 || mode == 4 || mode == 5 || mode == 8;
 }
 
-// The last value the table gives @p reg.
-unsigned table_value(unsigned reg)
-{
-    unsigned value = 0;
-    for (const Register_pair& row : init_table)
-        if (row.address == reg)
-            value = row.value;
-    return value;
-}
-
 } // namespace
 
 uint32_t MT9V022_trait::exposure_rows(const MT9V022_trait&, uint32_t us)
@@ -135,8 +125,8 @@ bool MT9V022_trait::iic_initialization()
 
 void MT9V022_trait::record_table_exposure()
 {
-    exposure_history.newest() = table_value(REG_SHUTTER_WIDTH);
-    gain_history.newest() = table_value(REG_ANALOG_GAIN);
+    exposure_history.newest() = table_value(init_table, init_table_size, REG_SHUTTER_WIDTH);
+    gain_history.newest() = table_value(init_table, init_table_size, REG_ANALOG_GAIN);
 }
 
 void MT9V022_trait::late_vsync()

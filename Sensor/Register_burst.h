@@ -41,6 +41,17 @@ struct Register_layout {
     size_t max_run;             ///< most registers in one WriteReg
 };
 
+/// The value the last row for @p address in @p table gives it (0 if none):
+/// what a register holds once the table is written.
+inline uint16_t table_value(const Register_pair* table, size_t count, uint16_t address)
+{
+    uint16_t value = 0;
+    for (size_t i = 0; i < count; ++i)
+        if (table[i].address == address)
+            value = table[i].value;
+    return value;
+}
+
 class Register_burst {
 public:
     /// Longest run any layout may ask for.
