@@ -65,6 +65,9 @@ struct Engine {
     /// thirds of a frame (capture modes 1 to 3), and the 97th percentile
     /// is the aimer's (documented).
     bool aimer_off;
+    /// Exposure of the first frame of the first scan (microseconds): the
+    /// engine's starting exposure as its sensor makes it.
+    double start_us;
     /// Scenes ("scene x scale") the engine cannot bring into the window
     /// (documented in the README): there the loop must come to rest at the
     /// setting nearest to it (the same exposure and gain for the last 10
@@ -79,21 +82,21 @@ struct Engine {
 // for a new frame (documented); the AR0144 and the Kelp follow their frame
 // counters and the Rilo reads its exposure back from the sensor.
 const Engine kEngines[] = {
-    {"X7710", 256.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5", false, false, {}},
+    {"X7710", 256.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5", false, false, 500.0, {}},
     // The MT9M114's gain register keeps a 6-bit mantissa of gain / 8; the
     // X5501 takes ES_FIXED_GAIN in its own 1/512 unit.
-    {"X5501", 512.0, 1.0 / 32, 8.0, false, 1.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", true, false, {}},
-    {"X5503", 512.0, 1.0 / 32, 8.0, false, 1.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", true, false, {}},
+    {"X5501", 512.0, 1.0 / 32, 8.0, false, 1.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", true, false, 3000.0, {}},
+    {"X5503", 512.0, 1.0 / 32, 8.0, false, 1.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", true, false, 3000.0, {}},
     // MT9V022: automatic exposure at a fixed 2x in rows of 35 us; a flat
     // field 16 times brighter lies between 1 row (too dark) and 2 rows,
     // from which the truncating split steps back to 1.
     {"MT9V022", 16.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", false, true,
-     {"flat x16"}},
+     9024.0, {"flat x16"}},
     // Kelp: the project's own engine, with a frame counter like the AR0144's.
-    {"KELP", 256.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5", false, false, {}},
+    {"KELP", 256.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5", false, false, 515.0, {}},
     // Rilo: 200 us to 8.9 ms at a fixed 2x, a 45-fold range.
     {"RILO", 256.0, 0.0, 0.0, true, 2.0, {0, 2, 3, 4, 5}, "drop=*7,duplicate=*5", false, true,
-     {"barcode x16", "flat x1/16", "flat x16"}},
+     500.0, {"barcode x16", "flat x1/16", "flat x16"}},
 };
 
 /// True when @p sensor_gain (a multiple of 1x) is the gain the attribute
@@ -347,6 +350,9 @@ TEST_P(EngineHarness, Run)
     case Check::truth: {
         const std::vector<Frame> frames = scan(40);
         expect_truth(frames);
+        ASSERT_FALSE(frames.empty());
+        EXPECT_NEAR(c.engine->start_us, frames.front().sensor.exposure_us, c.engine->start_us / 20)
+            << "the first frame is not taken with the engine's starting exposure";
         if (c.full_table) {  // the file's first row reached the sensor
             EXPECT_EQ(0x0777, first_table_row);
         }
