@@ -16,7 +16,8 @@
 //     stays there (the exact figures: tools/exposure_table.py);
 //   - fixed exposure mode programs the fixed exposure and gain; the
 //     context-sensitive mode holds a steady exposure.
-// Every buffer is back with the hardware layer after the session closes.
+// Every buffer is back with the hardware layer and the lights are off after
+// the session closes.
 //
 // A new engine adds a row to kEngines (its engine type, the unit of its
 // gain attribute and how its sensor rounds gains, the capture modes it
@@ -243,6 +244,10 @@ protected:
         if (sim) {
             EXPECT_TRUE(wait_until([this] { return sim->buffers_in(vqxsim::Buffer_state::delivered) == 0; }, 2000))
                 << "buffers not given back to the hardware layer";
+            // The session's idle lights are off: after the scan the aimer
+            // and the illumination go out.
+            EXPECT_TRUE(wait_until([this] { return !sim->aimer() && !sim->illumination(); }, 2000))
+                << "lights left on after the scan";
             sim->shutdown();
         }
     }
