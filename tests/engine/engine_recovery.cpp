@@ -112,7 +112,9 @@ TEST(EngineRecovery, AptinaScansDeliverNoFrameAndNothingWaits)
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(nullptr, VQXSI_GetNewScan(s));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_TRUE(sim->aimer() && sim->illumination()) << "the scanning lights are on";
     EXPECT_EQ(1, VQXSI_StopScanning(s));
+    EXPECT_TRUE(wait_until([sim] { return !sim->aimer() && !sim->illumination(); }, 1000)) << "lights off";
     EXPECT_GT(sim->calls("SetExposureGain"), 0u) << "the starting exposure reached the layer";
     sim->shutdown();
 }
