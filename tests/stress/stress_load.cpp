@@ -356,11 +356,17 @@ std::string Load::quiet_check(const char* where)
 {
     // Every client has given its frames back and ended its starts; the
     // stream must come to a stop (a stop never confirmed ends by the stall
-    // alarm).
+    // alarm). A frame the engine was reading out when its transfer stopped
+    // still arrives (where the engine fills buffers on its own) and goes
+    // straight back, so the simulator's buffers are waited for too.
+    const auto sim_buffers_out = [this] {
+        return sim->buffers_in(vqxsim::Buffer_state::armed) + sim->buffers_in(vqxsim::Buffer_state::delivered);
+    };
     const auto deadline = Clock::now() + std::chrono::milliseconds(kQuietStopBound);
     robust::Driver_snapshot s = robust::snapshot();
     while (Clock::now() < deadline &&
-           (s.stream != IStream_driver::STOPPED || hwl->buffers_out() != 0 || hwl->accounting().lives_begun != hwl->accounting().lives_ended)) {
+           (s.stream != IStream_driver::STOPPED || hwl->buffers_out() != 0 || sim_buffers_out() != 0 ||
+            hwl->accounting().lives_begun != hwl->accounting().lives_ended)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
         s = robust::snapshot();
     }
@@ -375,8 +381,7 @@ std::string Load::quiet_check(const char* where)
         e += "a buffer is not free after every client gave its frames back; ";
     if (hwl->buffers_out() != 0)
         e += std::to_string(hwl->buffers_out()) + " buffers not back with the hardware layer; ";
-    const unsigned sim_out = sim->buffers_in(vqxsim::Buffer_state::armed) +
-                             sim->buffers_in(vqxsim::Buffer_state::delivered);
+    const unsigned sim_out = sim_buffers_out();
     if (sim_out != 0)
         e += std::to_string(sim_out) + " simulator buffers armed or filled; ";
     const auto a = hwl->accounting();
