@@ -101,6 +101,12 @@ bool Stream_driver::triggered_mode() const
     return capture_mode == 6 || capture_mode == 7;
 }
 
+bool Stream_driver::arms_fill_buffers() const
+{
+    return capture_mode == 0 || capture_mode == 2 || capture_mode == 3 || capture_mode == 5
+           || capture_mode == 7;
+}
+
 void Stream_driver::set_scan_state(Scan_state_t s)
 {
     state = s;
@@ -298,6 +304,10 @@ void Stream_driver::vsync_ist(int buffer)
             // A second event for a frame already delivered (held by the
             // client or waiting for it): nothing was filled, nothing changes.
             silent_trace("vsync_ist: buffer %d was already delivered, event ignored", buffer);
+            return;
+        }
+        if (arms_fill_buffers() && p_info != pFilling && p_info != pPrefill) {
+            silent_trace("vsync_ist: buffer %d is not armed, event ignored", buffer);
             return;
         }
         // While stopping, the alarm is the stop's bound (ensure_stop_ends):

@@ -85,7 +85,11 @@
 //
 // A repeated vsync for a frame already delivered (the buffer is held by the
 // client or waits in the hand-off) is ignored: handing the same buffer out
-// twice, or re-arming it under the client, would break its ownership.
+// twice, or re-arming it under the client, would break its ownership. So is,
+// in the modes where the driver arms every capture (0, 2, 3, 5, 7), a vsync
+// naming a buffer that is not armed at all: a repeat that arrives after the
+// client already gave the frame back. Nothing was captured into it, and
+// delivering it would hand out an old picture with the current exposure.
 //
 // Unknown buffer handles: a vsync naming a buffer the driver does not know
 // is reported ("p_info") and handed back to the hardware layer; nothing else
@@ -170,6 +174,7 @@ private:
     bool scan_state_not_stopping() const;
     bool sof_polling_mode() const;
     bool triggered_mode() const;  // capture modes 6 and 7
+    bool arms_fill_buffers() const;  // capture modes 0, 2, 3, 5 and 7
     // Formats @p tick (default: now) as "seconds.milliseconds" into the
     // time-stamp buffer, under the own mutex, and traces it with @p format.
     // Does nothing while the silent channel is compiled out: the stamps run
