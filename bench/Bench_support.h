@@ -11,6 +11,7 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <condition_variable>
@@ -72,6 +73,16 @@ inline double process_cpu_seconds()
     timespec ts;
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
     return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
+}
+
+/// Context switches of the whole process so far (all threads, voluntary and
+/// involuntary): a thread hand-off costs one switch each way, so switches
+/// per frame show how many times a frame puts a thread to sleep.
+inline double process_context_switches()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return double(usage.ru_nvcsw) + double(usage.ru_nivcsw);
 }
 
 /// The fake hardware layer every driver benchmark of the process runs on

@@ -95,6 +95,7 @@ void BM_Throughput_Driver(benchmark::State& state)
             VQXSI_UnlockBuffer(h, frame);
     const unsigned long allocs0 = allocations.load();
     const double cpu0 = bench::process_cpu_seconds();
+    const double switches0 = bench::process_context_switches();
     uint64_t lost = 0;
     for (auto _ : state) {
         void* frame = VQXSI_GetNewScan(h);
@@ -105,6 +106,7 @@ void BM_Throughput_Driver(benchmark::State& state)
         VQXSI_UnlockBuffer(h, frame);
     }
     const double cpu = bench::process_cpu_seconds() - cpu0;
+    const double switches = bench::process_context_switches() - switches0;
     const unsigned long allocs = allocations.load() - allocs0;
     hwl.stop_pump();
     VQXSI_StopScanning(h);
@@ -113,6 +115,7 @@ void BM_Throughput_Driver(benchmark::State& state)
     state.SetItemsProcessed(int64_t(state.iterations()));
     state.counters["cpu_us_per_frame"] = cpu * 1e6 / frames;
     state.counters["allocs_per_frame"] = double(allocs) / frames;
+    state.counters["switches_per_frame"] = switches / frames;
     state.counters["lost"] = double(lost);
     state.SetLabel(std::to_string(width) + "x" + std::to_string(height));
 }
@@ -193,12 +196,15 @@ void BM_Throughput_Bare(benchmark::State& state)
 {
     Bare_pipeline pipeline;
     const double cpu0 = bench::process_cpu_seconds();
+    const double switches0 = bench::process_context_switches();
     for (auto _ : state)
         pipeline.give_back(pipeline.take());
     const double cpu = bench::process_cpu_seconds() - cpu0;
+    const double switches = bench::process_context_switches() - switches0;
     const double frames = double(state.iterations());
     state.SetItemsProcessed(int64_t(state.iterations()));
     state.counters["cpu_us_per_frame"] = cpu * 1e6 / frames;
+    state.counters["switches_per_frame"] = switches / frames;
     state.SetLabel(std::to_string(width) + "x" + std::to_string(height));
 }
 BENCHMARK(BM_Throughput_Bare)->UseRealTime()->Unit(benchmark::kMicrosecond);

@@ -200,6 +200,10 @@ Monitor_base::~Monitor_base()
 Monitor_base* Monitor_base::enter(unsigned ms) volatile
 {
     Monitor_base* m = self();
+    if (m->mutex && m->mutex->owns()) {
+        ++m->entry_cnt;  // nesting is counted in entry_cnt only
+        return m;
+    }
     if (!m->mutex || !m->mutex->wait(ms)) {
         if (ms == MT_INFINITE)
             sd_assert_function("nWait", VQX_MONITOR_LABEL, 164);
@@ -227,8 +231,10 @@ void Monitor_base::leave()
     }
     if (--entry_cnt > 0)
         return;
-    notify_check();
+    Pending_sets later;
+    notify_check(later);
     mutex->release();
+    later.run();
 }
 
 bool Monitor_base::owns() const volatile
@@ -243,6 +249,28 @@ void Monitor_base::notify_check() const
         return;
     for (Condition* c = waiting; c; c = c->next)
         c->update();
+}
+
+void Monitor_base::notify_check(Pending_sets& later) const
+{
+    if (!notify_pending)
+        return;
+    for (Condition* c = waiting; c; c = c->next) {
+        if (!c->item || !c->check() || later.count == Pending_sets::capacity) {
+            c->update();
+            continue;
+        }
+        later.events[later.count++] = c->item->event;
+    }
+}
+
+// The events stay valid: the pool never frees one. If the condition gave
+// its event back meanwhile, the set reaches a waiter of another condition,
+// which finds its predicate false and sleeps again.
+void Monitor_base::Pending_sets::run() const
+{
+    for (int i = 0; i < count; ++i)
+        events[i]->set_event();
 }
 
 bool Monitor_base::in_waiting(const Condition& c) const
@@ -292,14 +320,21 @@ bool Monitor_base::wait(Condition& c, unsigned ms) const
     bool got;
     bool now_true;
     do {
-        notify_check();
+        Pending_sets later;
+        notify_check(later);
         mutex->release();
+        later.run();
         unsigned w = ms == MT_INFINITE ? MT_INFINITE : ms == 0 ? 0 : remaining_ms(t0, ms);
         got = c.wait(w);
         if (!mutex->wait(MT_INFINITE))
             sd_assert_function("nWait", VQX_MONITOR_LABEL, 265);
         notify_pending = false;
         now_true = c.check();
+        // Woken by a set that the state has overtaken: sleep again until a
+        // later change sets the event (every such change sets it after
+        // this reset, since it is made under the lock held here).
+        if (got && !now_true && c.item)
+            c.item->event->reset_event();
     } while (got && !now_true);
 
     SD_ASSERT(mutex->owns(), "owns()", VQX_MONITOR_LABEL, 269);

@@ -9,7 +9,12 @@
 //    variable is what waiters sleep on.
 //  - MT_Mutex_struct: a recursive, owner-tracking lock built on that object.
 //    "Locked" means taken > 0. A release by a thread that does not own it is
-//    reported as an assertion and changes nothing.
+//    reported as an assertion and changes nothing. owns() reads the owner
+//    without the guard (the owner is cleared by the thread that gives the
+//    mutex up, so a thread can only ever read itself as owner while it owns
+//    it). A thread that finds the mutex taken spins briefly on the owner
+//    before it sleeps: monitors are held for a few hundred nanoseconds, much
+//    less than a sleep and a wake-up cost.
 //  - MT_Event_struct: an auto-reset (wakes one waiter, the taker resets it)
 //    or manual-reset (wakes all, stays set until reset_event) event.
 //  - MT_CreateThread, MT_Delay, MT_GetTickCount and the deadline helpers.
@@ -29,6 +34,7 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <atomic>
 #include <cstdint>
 
 namespace Synchroniztion_internal {
@@ -61,6 +67,7 @@ protected:
 
     mutable pthread_mutex_t mutex;  ///< guards the derived object's state
     pthread_cond_t cond;            ///< waiters sleep here
+    unsigned sleepers = 0;          ///< threads asleep on cond (guarded)
 
 private:
     bool wait_poll();
@@ -76,17 +83,22 @@ public:
     /// Gives up one level of ownership. A non-owner's call is reported
     /// ("_owns()") and changes nothing.
     void release();
-    /// True when the calling thread owns the mutex (evaluated under the guard).
+    /// True when the calling thread owns the mutex (no locking).
     bool owns() const;
+    /// As MT_Sync_object_struct::wait, after a short spin while another
+    /// thread holds the mutex.
+    bool wait(unsigned int ms) override;
 
 protected:
-    /// Ownership test without locking; the guard must be held.
+    /// Ownership test; needs no lock.
     bool _owns() const;
     bool v_signaled() override;
     void v_take_object() override;
 
-    uint32_t taken = 0;  ///< recursion depth, 0 when free
-    pthread_t owner{};   ///< owning thread while taken > 0 (kept after release)
+    uint32_t taken = 0;  ///< recursion depth, 0 when free (guarded)
+    /// Owning thread while taken > 0, else 0 (no thread handle is 0).
+    /// Written under the guard, read anywhere.
+    std::atomic<pthread_t> owner{0};
 };
 
 /// Event with auto-reset or manual-reset semantics.

@@ -372,6 +372,22 @@ private:
     bool in_waiting(const Condition& c) const;
     void unlink_waiting(Condition& c) const;
 
+    // The events a re-evaluation found true. They are set once the lock is
+    // given up, so that a woken waiter finds the monitor free instead of
+    // going back to sleep on its lock; events found false are reset at
+    // once, under the lock. A set that arrives after the state changed
+    // again only wakes a waiter that finds its predicate false, resets the
+    // event and sleeps again.
+    struct Pending_sets {
+        static constexpr int capacity = 8;
+        Synchroniztion_internal::MT_Event_struct* events[capacity];
+        int count = 0;
+        void run() const;
+    };
+    /// notify_check with the sets held back in @p later (more than its
+    /// capacity are set at once).
+    void notify_check(Pending_sets& later) const;
+
     Synchroniztion_internal::MT_Mutex_struct* mutex;
     mutable unsigned entry_cnt;
     mutable Condition* waiting;

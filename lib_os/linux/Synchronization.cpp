@@ -21,6 +21,20 @@ const char* const source_file = "jni/../../lib_os/linux/Synchronization";
 
 constexpr long nsec_per_sec = 1000000000L;
 
+// Looks at a held mutex this many times before sleeping on it (a few
+// microseconds at most).
+constexpr int spin_limit = 200;
+
+// Tells the processor that this is a spin-wait loop.
+inline void cpu_relax()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__) || defined(__arm__)
+    __asm__ __volatile__("yield");
+#endif
+}
+
 // Start record of a new thread; owned by the new thread once it runs.
 struct Thread_start {
     unsigned int (*fn)(void*);
@@ -97,7 +111,9 @@ bool MT_Sync_object_struct::wait_infinite()
             unlock_guard();
             return true;
         }
+        ++sleepers;
         const int status = pthread_cond_wait(&cond, &mutex);
+        --sleepers;
         if (status != 0) {
             SD_ASSERT(status == 0, "status == 0", source_file, 94);
             if (v_signaled()) {
@@ -113,7 +129,9 @@ bool MT_Sync_object_struct::wait_until(unsigned int ms)
     const timespec deadline = msec_to_absolute_timespec(ms);
     int status = 0;
     while (!v_signaled()) {
+        ++sleepers;
         status = pthread_cond_timedwait(&cond, &mutex, &deadline);
+        --sleepers;
         if (status == ETIMEDOUT) {
             unlock_guard();
             return false;
@@ -138,8 +156,19 @@ MT_Mutex_struct::MT_Mutex_struct(bool initially_owned)
         return;
     lock_guard();
     taken = 1;
-    owner = pthread_self();
+    owner.store(pthread_self(), std::memory_order_relaxed);
     unlock_guard();
+}
+
+bool MT_Mutex_struct::wait(unsigned int ms)
+{
+    // Another thread holds the mutex: it is likely to give it up within a
+    // few hundred nanoseconds, so look again a few times before sleeping.
+    if (ms != 0 && !_owns()) {
+        for (int i = 0; i < spin_limit && owner.load(std::memory_order_relaxed) != 0; ++i)
+            cpu_relax();
+    }
+    return MT_Sync_object_struct::wait(ms);
 }
 
 void MT_Mutex_struct::release()
@@ -150,22 +179,25 @@ void MT_Mutex_struct::release()
         unlock_guard();
         return;
     }
-    if (--taken == 0)
-        pthread_cond_signal(&cond);
+    if (--taken == 0) {
+        owner.store(0, std::memory_order_relaxed);
+        if (sleepers != 0)
+            pthread_cond_signal(&cond);
+    }
     unlock_guard();
 }
 
 bool MT_Mutex_struct::owns() const
 {
-    lock_guard();
-    const bool result = _owns();
-    unlock_guard();
-    return result;
+    return _owns();
 }
 
+// Only the owning thread stores its own handle, and it stores 0 before it
+// gives the mutex up, so a thread reads its own handle here exactly while it
+// owns the mutex, whatever the other threads do.
 bool MT_Mutex_struct::_owns() const
 {
-    return taken != 0 && pthread_equal(pthread_self(), owner);
+    return pthread_equal(pthread_self(), owner.load(std::memory_order_relaxed)) != 0;
 }
 
 bool MT_Mutex_struct::v_signaled()
@@ -178,7 +210,7 @@ void MT_Mutex_struct::v_take_object()
     if (taken != 0)
         SD_ASSERT(_owns(), "taken == 0 || _owns()", source_file, 195);
     ++taken;
-    owner = pthread_self();
+    owner.store(pthread_self(), std::memory_order_relaxed);
 }
 
 // ---------------------------------------------------------------------------
@@ -194,10 +226,13 @@ void MT_Event_struct::set_event()
 {
     lock_guard();
     signaled = true;
-    if (auto_reset)
+    if (sleepers == 0) {
+        // Nobody to wake.
+    } else if (auto_reset) {
         pthread_cond_signal(&cond);
-    else
+    } else {
         pthread_cond_broadcast(&cond);
+    }
     unlock_guard();
 }
 
