@@ -61,6 +61,14 @@ public:
         return handle;
     }
 
+    /// Waits up to @p ms until the client took every delivered frame.
+    bool wait_taken(unsigned ms)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return armed_cv.wait_for(lock, std::chrono::milliseconds(ms),
+                                 [this] { return taken_count >= delivered_count; });
+    }
+
     /// The vsync callback for @p handle, on the calling thread.
     void deliver(int handle)
     {
@@ -71,21 +79,50 @@ public:
             cb = vsync;
             ctx = context;
         }
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            ++delivered_count;
+        }
         if (cb)
             cb(handle, ctx);
     }
 
-    /// Delivers every armed buffer at once from a thread of its own.
-    void start_pump()
+    /// Delivers every armed buffer at once from a thread of its own. Paced:
+    /// a frame is delivered only once the client took the previous one
+    /// (frame_taken), so one frame is in flight at a time, as in a bare
+    /// two-thread hand-off. Unpaced, frames come as fast as buffers are
+    /// armed, and frames the client has not taken yet are replaced.
+    void start_pump(bool paced = false)
     {
         pump_quit = false;
-        pump = std::thread([this] {
+        reset_taken();
+        pump = std::thread([this, paced] {
             while (!pump_quit) {
+                if (paced && !wait_taken(20))
+                    continue;
                 int handle = next_armed(20);
                 if (handle)
                     deliver(handle);
             }
         });
+    }
+
+    /// Frames delivered so far count as taken (an earlier run's frames that
+    /// no client took do not hold the next run back).
+    void reset_taken()
+    {
+        std::lock_guard<std::mutex> hold(mutex);
+        taken_count = delivered_count;
+    }
+
+    /// The client took a frame (paced pump).
+    void frame_taken()
+    {
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            ++taken_count;
+        }
+        armed_cv.notify_one();
     }
 
     void stop_pump()
@@ -97,6 +134,8 @@ public:
 
     /// Sensor power-ups (PSoC sensor resets before a register table load).
     unsigned power_ups() const { return power_up_count; }
+    /// Vsync callbacks made so far (frames the "sensor" delivered).
+    uint64_t frames_delivered() const { return delivered_count; }
 
     // IHwl ------------------------------------------------------------------
     bool IsPsocSupported() override { return true; }
@@ -207,6 +246,8 @@ private:
     std::vector<uint16_t> regs;  // guarded by the driver's monitor (its only caller)
     unsigned char psoc[256];     // likewise
     std::atomic<unsigned> power_up_count{0};
+    std::atomic<uint64_t> delivered_count{0};  // written under mutex
+    uint64_t taken_count = 0;                   // guarded by mutex
 
     std::mutex mutex;
     std::condition_variable armed_cv;

@@ -9,12 +9,14 @@
 //    variable is what waiters sleep on.
 //  - MT_Mutex_struct: a recursive, owner-tracking lock built on that object.
 //    "Locked" means taken > 0. A release by a thread that does not own it is
-//    reported as an assertion and changes nothing. owns() reads the owner
-//    without the guard (the owner is cleared by the thread that gives the
-//    mutex up, so a thread can only ever read itself as owner while it owns
-//    it). A thread that finds the mutex taken spins briefly on the owner
-//    before it sleeps: monitors are held for a few hundred nanoseconds, much
-//    less than a sleep and a wake-up cost.
+//    reported as an assertion and changes nothing. The owner is the lock
+//    word: a free mutex is taken by one compare-and-swap and given up by one
+//    store, without the guard, and owns() is one load (the owner is cleared
+//    by the thread that gives the mutex up, so a thread can only ever read
+//    itself as owner while it owns it). A thread that finds the mutex taken
+//    spins briefly before it sleeps on the condition variable: monitors are
+//    held for a few hundred nanoseconds, much less than a sleep and a
+//    wake-up cost.
 //  - MT_Event_struct: an auto-reset (wakes one waiter, the taker resets it)
 //    or manual-reset (wakes all, stays set until reset_event) event.
 //  - MT_CreateThread, MT_Delay, MT_GetTickCount and the deadline helpers.
@@ -85,8 +87,9 @@ public:
     void release();
     /// True when the calling thread owns the mutex (no locking).
     bool owns() const;
-    /// As MT_Sync_object_struct::wait, after a short spin while another
-    /// thread holds the mutex.
+    /// Takes the mutex (a nested take by the owner counts one level more),
+    /// waiting at most @p ms milliseconds. A free mutex is taken without
+    /// the guard; a held one is spun on briefly before the caller sleeps.
     bool wait(unsigned int ms) override;
 
 protected:
@@ -95,10 +98,18 @@ protected:
     bool v_signaled() override;
     void v_take_object() override;
 
-    uint32_t taken = 0;  ///< recursion depth, 0 when free (guarded)
-    /// Owning thread while taken > 0, else 0 (no thread handle is 0).
-    /// Written under the guard, read anywhere.
+    /// Recursion depth, 0 when free; changed only by the owner.
+    std::atomic<uint32_t> taken{0};
+    /// The lock word: the owning thread, or 0 when free (no thread handle is
+    /// 0). Set by the taker's compare-and-swap, cleared by the owner.
     std::atomic<pthread_t> owner{0};
+
+private:
+    /// Takes a free mutex for the calling thread; false when held.
+    bool try_take();
+    /// Threads between their first guarded attempt and giving up or
+    /// taking the mutex: a releaser signals only when some exist.
+    std::atomic<unsigned> blocked{0};
 };
 
 /// Event with auto-reset or manual-reset semantics.

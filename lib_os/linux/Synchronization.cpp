@@ -154,37 +154,86 @@ MT_Mutex_struct::MT_Mutex_struct(bool initially_owned)
 {
     if (!initially_owned)
         return;
-    lock_guard();
-    taken = 1;
     owner.store(pthread_self(), std::memory_order_relaxed);
-    unlock_guard();
+    taken.store(1, std::memory_order_relaxed);
 }
 
+bool MT_Mutex_struct::try_take()
+{
+    pthread_t expected = 0;
+    if (!owner.compare_exchange_strong(expected, pthread_self(), std::memory_order_seq_cst))
+        return false;
+    taken.store(1, std::memory_order_relaxed);
+    return true;
+}
+
+// The lock word is the owner: 0 when free, taken by one compare-and-swap.
+// Only a thread that finds it held goes through the guard and sleeps; it
+// counts itself in `blocked` before its last attempt, and a releaser that
+// clears the owner and then sees `blocked` non-zero signals under the
+// guard, so the sleeper either took the mutex in that attempt or is asleep
+// and gets the signal (both sides use sequentially consistent operations).
 bool MT_Mutex_struct::wait(unsigned int ms)
 {
+    if (_owns()) {
+        taken.store(taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        return true;
+    }
+    if (try_take())
+        return true;
+    if (ms == 0)
+        return false;
     // Another thread holds the mutex: it is likely to give it up within a
     // few hundred nanoseconds, so look again a few times before sleeping.
-    if (ms != 0 && !_owns()) {
-        for (int i = 0; i < spin_limit && owner.load(std::memory_order_relaxed) != 0; ++i)
-            cpu_relax();
+    for (int i = 0; i < spin_limit; ++i) {
+        cpu_relax();
+        if (owner.load(std::memory_order_relaxed) == 0 && try_take())
+            return true;
     }
-    return MT_Sync_object_struct::wait(ms);
+    timespec deadline{};
+    if (ms != MT_INFINITE)
+        deadline = msec_to_absolute_timespec(ms);
+    lock_guard();
+    blocked.fetch_add(1, std::memory_order_seq_cst);
+    bool got = false;
+    for (;;) {
+        if (try_take()) {
+            got = true;
+            break;
+        }
+        ++sleepers;
+        const int status = ms == MT_INFINITE ? pthread_cond_wait(&cond, &mutex)
+                                             : pthread_cond_timedwait(&cond, &mutex, &deadline);
+        --sleepers;
+        if (status == ETIMEDOUT) {
+            got = try_take();
+            break;
+        }
+        SD_ASSERT(status == 0, "status == 0", source_file, 94);
+    }
+    blocked.fetch_sub(1, std::memory_order_seq_cst);
+    unlock_guard();
+    return got;
 }
 
 void MT_Mutex_struct::release()
 {
-    lock_guard();
     if (!_owns()) {
         sd_assert_function("_owns()", source_file, 175);
-        unlock_guard();
         return;
     }
-    if (--taken == 0) {
-        owner.store(0, std::memory_order_relaxed);
-        if (sleepers != 0)
-            pthread_cond_signal(&cond);
+    const uint32_t depth = taken.load(std::memory_order_relaxed);
+    if (depth > 1) {
+        taken.store(depth - 1, std::memory_order_relaxed);
+        return;
     }
-    unlock_guard();
+    taken.store(0, std::memory_order_relaxed);
+    owner.store(0, std::memory_order_seq_cst);
+    if (blocked.load(std::memory_order_seq_cst) != 0) {
+        lock_guard();
+        pthread_cond_signal(&cond);
+        unlock_guard();
+    }
 }
 
 bool MT_Mutex_struct::owns() const
@@ -202,15 +251,15 @@ bool MT_Mutex_struct::_owns() const
 
 bool MT_Mutex_struct::v_signaled()
 {
-    return taken == 0 || _owns();
+    return owner.load(std::memory_order_relaxed) == 0 || _owns();
 }
 
 void MT_Mutex_struct::v_take_object()
 {
-    if (taken != 0)
-        SD_ASSERT(_owns(), "taken == 0 || _owns()", source_file, 195);
-    ++taken;
-    owner.store(pthread_self(), std::memory_order_relaxed);
+    if (_owns())
+        taken.store(taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    else
+        SD_ASSERT(try_take(), "taken == 0 || _owns()", source_file, 195);
 }
 
 // ---------------------------------------------------------------------------
