@@ -114,16 +114,6 @@ private:
             return;
         const uint32_t end = rows_ready < height ? rows_ready : height;
 
-        // The frame comes from the transfer hardware, not from this core's
-        // caches: every word read is a cache miss. Asking for all of them
-        // first lets the misses overlap instead of queueing one by one.
-        for (uint64_t r = (uint64_t(first) + 15) & ~uint64_t(15); r < end; r += 16) {
-            const uint32_t row = static_cast<uint32_t>(r);
-            if (uniform && (row & 63) == 32)
-                prefetch(row, 32, width, 64);
-            if (centre && row >= center_row_first && row <= center_row_last)
-                prefetch(row, center_col_first, center_col_end, 64);
-        }
         // Every sampled row of either pattern is a multiple of 16.
         for (uint64_t r = (uint64_t(first) + 15) & ~uint64_t(15); r < end; r += 16) {
             const uint32_t row = static_cast<uint32_t>(r);
@@ -132,15 +122,6 @@ private:
             if (centre && row >= center_row_first && row <= center_row_last)
                 centre_row(row);
         }
-    }
-
-    // Hints the cache lines of row @p r from byte column @p from to @p to
-    // (exclusive), one every @p step bytes; reads nothing.
-    void prefetch(uint32_t r, uint32_t from, uint32_t to, uint32_t step) const
-    {
-        const unsigned char* row = image + size_t(r) * width;
-        for (uint32_t c = from; c < to; c += step)
-            __builtin_prefetch(row + c, 0, 0);
     }
 
     void uniform_row(uint32_t r)
