@@ -120,48 +120,7 @@ private:
 };
 
 
-// Table A as bursts of consecutive registers.
-const Writes table_a = {
-    {0x301A, {0x1859}},
-    {0x3ED6, {0x3CB5, 0x8765, 0x8888, 0x97FF}}, {0x3EF6, {0x804D, 0x6522, 0x2222, 0x6666}},
-    {0x3F00, {0xAA05}}, {0x3EE2, {0x180E, 0x0808}}, {0x3EEA, {0x2A09}}, {0x3092, {0x00CF}},
-    {0x3268, {0x0030}}, {0x3786, {0x0006}}, {0x3F4A, {0x0F70}}, {0x306E, {0x4810}},
-    {0x3180, {0xC08F}}, {0x30BA, {0x7623}}, {0x3176, {0x0480, 0x0480, 0x0480, 0x0480}},
-    {0x302A, {4, 2, 1, 0x4A}}, {0x3036, {8, 1}},
-    {0x31AC, {0x0C08, 0x0201}}, {0x3354, {0x2A}}, {0x31D0, {0}},
-    {0x31B0, {0x39, 0x2A, 0x5834, 0x20CB, 0x20C9, 0x0103, 3}},
-    {0x3002, {0, 4, 0x031F, 0x0503, 0x0339, 0x05D4}},
-    {0x30A2, {1}}, {0x30A6, {1}}, {0x3040, {0}}, {0x3064, {0x1802}}, {0x3028, {0x10}},
-    {0x301A, {0x1858}},
-};
 const Writes shadows = {{0x3060, {13}}, {0x3270, {508}}, {0x3012, {100, 10}}};
-
-Writes table_b()
-{
-    Writes t = table_a;
-    t[15] = {0x3036, {8, 2}};
-    t[16] = {0x31AC, {0x0C08, 0x0202}};
-    t[19] = {0x31B0, {0x39, 0x2A, 0x2534, 0x20CB, 0x20C9, 0x0103, 3}};
-    return t;
-}
-
-Writes table_c()
-{
-    Writes t = {{0x301A, {0x00D9}}, {0x301A, {0x30D8}}};
-    t.insert(t.end(), table_a.begin() + 1, table_a.begin() + 15);  // tuning and clocks
-    t.push_back({0x3036, {8, 2}});
-    t.insert(t.end(), table_a.begin() + 20, table_a.begin() + 24);  // window, 0x30A2-0x3040
-    const Writes tail = {{0x31AE, {0x0200}}, {0x30A8, {3}}, {0x30AE, {3}}, {0x3064, {0x1802}},
-                         {0x3028, {0x10}}, {0x301A, {0x30D8}}};
-    t.insert(t.end(), tail.begin(), tail.end());
-    return t;
-}
-
-Writes concat(Writes a, const Writes& b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
 
 // The last @p n writes (all of them when fewer).
 Writes tail(const Writes& w, size_t n) { return Writes(w.end() - std::min(n, w.size()), w.end()); }
@@ -188,27 +147,6 @@ struct Rig {
 
 std::vector<std::string> captured;
 void capture(const char* text) { captured.push_back(text); }
-
-TEST(AR0144_trait, PowerUpLoadsTheVariantTableInBursts)
-{
-    const struct { uint32_t word; Writes table; } cases[] = {
-        {1, table_a}, {2, table_b()}, {0, table_c()}, {7, table_c()}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.word);
-        Rig rig(c.word);
-        const unsigned start = Synchroniztion_internal::MT_GetTickCount();
-        EXPECT_EQ(rig.power_up(), concat(c.table, shadows));
-        EXPECT_GE(Synchroniztion_internal::MT_GetTickCount() - start, 24u);
-        EXPECT_EQ(rig.hwl.psoc[55], 1);
-        EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_READY);
-    }
-    // Mounted at 180 degrees: only the read mode changes.
-    Rig rotated(2 | (180u << 16));
-    Writes expected = concat(table_b(), shadows);
-    expected[23].second[0] = 0xC000;
-    ASSERT_EQ(expected[23].first, 0x3040u);
-    EXPECT_EQ(rotated.power_up(), expected);
-}
 
 TEST(AR0144_trait, PowerUpStatesFailuresAndIdleLights)
 {
