@@ -191,25 +191,6 @@ TEST(AR0144_trait, PowerUpStatesFailuresAndIdleLights)
     EXPECT_EQ(rig.hwl.writes().back().first, 0x3F00u);
 }
 
-TEST(AR0144_trait, LineTimeFromClockRegisters)
-{
-    Rig rig;
-    auto& r = rig.hwl.regs;
-    const struct { uint16_t m, p, s, d, length; uint64_t line_us; } cases[] = {
-        {0x40, 2, 2, 2, 1600, 25}, {0x40, 0, 2, 2, 1600, 0}, {0x4A, 1, 2, 4, 1492, 20}};
-    for (const auto& c : cases) {  // 64 MHz, no clock, 74 MHz (the tables')
-        r[0x3030] = c.m; r[0x302E] = c.p; r[0x302C] = c.s; r[0x302A] = c.d; r[0x300C] = c.length;
-        ASSERT_TRUE(rig.trait.getClocks());
-        EXPECT_EQ(AR0144_trait::lineTimeUs, c.line_us);
-        EXPECT_EQ(AR0144_trait::lineLenght, c.length);
-        EXPECT_EQ(AR0144_trait::exposure_rows(rig.trait, 10000), c.line_us ? 10000 / c.line_us : 1);
-    }
-    rig.hwl.fail_read.insert(0x300C);
-    r[0x302E] = 0;
-    EXPECT_FALSE(rig.trait.getClocks());  // the line time stays
-    EXPECT_EQ(AR0144_trait::lineTimeUs, 20u);
-}
-
 TEST(AR0144_trait, StreamingAndTheExposureHistory)
 {
     // A frame is taken with what the registers held at the end of the frame
@@ -317,25 +298,6 @@ TEST(AR0144_trait, CheckStallBranches)
     set_dbg_output_hook(nullptr);
 }
 
-TEST(AR0144_trait, InitCaptureMarksTheEndOfTheFrame)
-{
-    Driver_scope scope(1);
-    Recording_hwl hwl;
-    hwl.width = 8;
-    hwl.height = 4;
-    AR0144_trait trait(hwl, nullptr);
-    std::vector<unsigned char> frame(8 * 4 + 2, 0x55);
-    IHwl::Image_buffer_pointers p{nullptr, frame.data(), 0x1002, 0};
-    EXPECT_TRUE(trait.init_capture(&p));
-    EXPECT_EQ(std::vector<unsigned char>(frame.begin() + 27, frame.end()),
-              (std::vector<unsigned char>{0x55, 0xFF, 0x00, 0xFF, 0x00, 0x55, 0x55}));
-    EXPECT_EQ(hwl.log().back().op, "InitCapture");
-    EXPECT_EQ(hwl.log().back().address, 0x1002u);
-    hwl.fail_ops.insert("InitCapture");
-    EXPECT_FALSE(trait.init_capture(&p));
-    EXPECT_EQ(trait.GetMaxResumeTime(), 150u);
-}
-
 TEST(AR0144_trait, GainCodesRoundTrip)
 {
     unsigned previous = 0;
@@ -351,93 +313,6 @@ TEST(AR0144_trait, GainCodesRoundTrip)
     EXPECT_EQ(AR0144_trait::code_of_gain(1023), 0x1F);
     EXPECT_EQ(AR0144_trait::code_of_gain(0), 0x0D);
     EXPECT_EQ(AR0144_trait::code_of_gain(1u << 30), 0x4F);
-}
-
-TEST(AR0144_trait, ExposureProgrammingAndContrastSplit)
-{
-    Rig rig;
-    Exposure_settings& s = rig.controller.settings;
-    rig.trait.update_exposure_settings(s);
-    EXPECT_EQ(s.start_exposure, 500u);
-    EXPECT_EQ(s.fixed_exposure, 500u);
-
-    rig.hwl.clear();
-    EXPECT_TRUE(rig.trait.set_exposure_gain(0, 100));  // rows at least 1, gain at least 0x0D
-    EXPECT_TRUE(rig.trait.set_exposure_gain(5000, 1 << 20));  // rows at most 824, gain 0x4F
-    EXPECT_EQ(rig.hwl.writes(), (Writes{{0x3060, {0x0D}}, {0x3012, {1, 10}}, {0x3060, {0x4F}}, {0x3012, {824, 10}}}));
-
-    unsigned contrast = 0;
-    ASSERT_TRUE(rig.trait.set_starting_exposure_gain(contrast));  // 500 us = 25 rows, start gain 4x
-    EXPECT_EQ(contrast, 25u * 1024);
-    s.mode = 0;  // fixed: 500 us at ES_FIXED_GAIN 2x
-    s.fixed_gain = 512;
-    ASSERT_TRUE(rig.trait.update_contrast(200, 12345, contrast));
-    EXPECT_EQ(contrast, 25u * 512);
-    EXPECT_EQ(rig.hwl.writes().back(), (Write{0x3012, {25, 10}}));
-
-    s.mode = 2;  // automatic: exposure first at the lowest gain ...
-    ASSERT_TRUE(rig.trait.update_contrast(s.target_value, 100 * 431, contrast));
-    EXPECT_EQ(contrast, 100u * 431);
-    s.max_gain = 4096;
-    ASSERT_TRUE(rig.trait.update_contrast(s.target_value / 4, 700 * 431, contrast));  // x4: 824 rows, more gain
-    EXPECT_EQ(rig.hwl.writes().back(), (Write{0x3012, {824, 10}}));
-    EXPECT_EQ(contrast, 824u * AR0144_trait::gain_of_code(AR0144_trait::code_of_gain(700 * 431 * 4 / 824)));
-    s.max_exposure = 4000;  // rows limited by ES_MAX_EXP, gain by ES_MAX_GAIN
-    s.max_gain = 1024;
-    ASSERT_TRUE(rig.trait.update_contrast(1, 100000, contrast));
-    EXPECT_EQ(contrast, 200u * 1024);
-
-    ASSERT_TRUE(rig.trait.set_starting_exposure_gain(50 * 431, contrast));  // the previous contrast
-    EXPECT_EQ(contrast, 50u * 431);
-    ASSERT_TRUE(rig.trait.set_starting_exposure_gain(0, contrast));  // none: the starting setting
-    EXPECT_EQ(contrast, 25u * 1024);
-
-    AR0144_trait lone(rig.hwl, nullptr);
-    EXPECT_FALSE(lone.update_contrast(1, 1, contrast));
-    EXPECT_FALSE(lone.set_starting_exposure_gain(contrast));
-}
-
-TEST(AR0144_trait, PropertiesRespectTheCallerSize)
-{
-    Driver_scope scope(1 | (180u << 16));
-    Recording_hwl hwl;
-    std::memcpy(hwl.psoc, "\0\0\x77\x10SN00000042", 14);  // engine id, serial number
-    std::memcpy(hwl.psoc + 0x1A, "\x00\x10\xFF\xF0", 4);   // aimer: +16 columns, -16 rows
-    std::memcpy(hwl.psoc + 0x38, "\x09\x02", 2);             // PSoC revision low, high
-    AR0144_trait trait(hwl, nullptr);
-
-    VQX_SCANENGINE_PROPERTIES_EX p;
-    std::memset(&p, 0xEE, sizeof p);
-    p.size = 8;
-    ASSERT_TRUE(trait.update_properties(p));
-    EXPECT_EQ(p.engine_id_class, 18u);
-    EXPECT_EQ(p.aimer_x, 0xEEEEEEEEu);
-
-    p.size = 28;
-    p.aimer_x = 640;
-    p.aimer_y = 400;
-    trait.update_properties(p);
-    EXPECT_EQ(p.aimer_x, 624u);  // rotated: offsets subtract
-    EXPECT_EQ(p.aimer_y, 400u);
-    EXPECT_EQ(p.psoc_rev_low, 0xEEEEEEEEu);
-
-    p.size = 224;
-    p.aimer_x = 5;
-    p.aimer_y = 795;
-    trait.update_properties(p);
-    EXPECT_EQ(p.aimer_x, 0u);  // held inside the image
-    EXPECT_EQ(p.aimer_y, 799u);
-    EXPECT_EQ(p.psoc_rev_low, 9u);
-    EXPECT_EQ(p.psoc_rev_high, 2u);
-    EXPECT_STREQ(p.serial_number, "SN00000042");
-    EXPECT_EQ(p.engine_id, 0x7710u);
-
-    Driver_scope parallel(0);
-    p.size = 136;  // ends before the engine id
-    p.engine_id = 0;
-    trait.update_properties(p);
-    EXPECT_EQ(p.engine_id_class, 17u);
-    EXPECT_EQ(p.engine_id, 0u);
 }
 
 TEST(AR0144_trait, StandbyCompletesOnTheSensorTimer)
@@ -500,24 +375,6 @@ TEST(AR0144_trait, LightsFollowTheScanState)
     bare.clear();
     trait.change_lights(lights);
     EXPECT_EQ(bare.count("AimOff") + bare.count("IllumOn"), 2u);
-}
-
-TEST(AR0144_trait, ProcessWidePsocEntry)
-{
-    static Recording_hwl first;  // the entry keeps the first hardware layer for good
-    Recording_hwl second;
-    std::vector<std::string>().swap(captured);
-    set_dbg_output_hook(capture);
-    EXPECT_EQ(PSOC_Cachex::Get_psoc_cache(first, 0x33), nullptr);
-    set_dbg_output_hook(nullptr);
-    EXPECT_EQ(captured, std::vector<std::string>{"Get_psoc_cache called with register 0x33\r\n"});
-    PSOC_Cachex* entry = PSOC_Cachex::Get_psoc_cache(first, 0x32);
-    ASSERT_TRUE(entry && entry == PSOC_Cachex::reg_0x32 && entry->reg == 0x32);
-    entry->valid = true;
-    EXPECT_EQ(PSOC_Cachex::Get_psoc_cache(second, 0x32), entry);
-    EXPECT_EQ(&entry->hwl, static_cast<IHwl*>(&first));
-    PSOC_Cachex::invalidate();
-    EXPECT_FALSE(entry->valid);
 }
 
 } // namespace

@@ -74,48 +74,6 @@ TEST(SessionHandle, CopiesShareTheBodyAndTheLastOneDestroysIt)
     EXPECT_EQ(1, destroyed_b);
 }
 
-TEST(SessionHandle, LightsAndExposureCopyAtMostTheSmallerRecord)
-{
-    int destroyed = 0;
-    Test_handle handle(*new Test_body(&destroyed));
-    auto* body = static_cast<Test_body*>(handle.get_body());
-
-    // Setting 12 bytes changes the scanning and idle modes only.
-    _tagVQX_SCANNER_LIGHTING in{12, 2, 1, 77, 77, 77, 77};
-    EXPECT_TRUE(handle.Set_lights(in));
-    const _tagVQX_SCANNER_LIGHTING set{28, 2, 1, 0, 100, 100, 0};
-    EXPECT_EQ(0, std::memcmp(&set, &body->lights, sizeof set));
-
-    // Reading 12 bytes reports 12 and leaves the rest of the record alone.
-    _tagVQX_SCANNER_LIGHTING out{12, 0, 0, 9, 9, 9, 9};
-    EXPECT_TRUE(handle.Get_lights(out));
-    const _tagVQX_SCANNER_LIGHTING got_lights{12, 2, 1, 9, 9, 9, 9};
-    EXPECT_EQ(0, std::memcmp(&got_lights, &out, sizeof out));
-
-    // A caller record claiming 40 bytes receives 28.
-    struct { _tagVQX_SCANNER_LIGHTING lights; unsigned char tail[12]; } big;
-    std::memset(&big, 0xAB, sizeof big);
-    big.lights.size = 40;
-    EXPECT_TRUE(handle.Get_lights(big.lights));
-    EXPECT_EQ(28u, big.lights.size);
-    EXPECT_EQ(0xAB, big.tail[0]);
-
-    // Exposure: 8 bytes set only the mode; the size field stays 80.
-    Exposure_settings e;
-    e.size = 8;
-    e.mode = 3;
-    e.exposure_method = 0;
-    EXPECT_TRUE(handle.Set_exposure(e));
-    EXPECT_EQ(80u, body->exposure.size);
-    EXPECT_EQ(3u, body->exposure.mode);
-    EXPECT_EQ(2u, body->exposure.exposure_method);
-    Exposure_settings got;
-    got.size = 200;
-    EXPECT_TRUE(handle.Get_exposure(got));
-    EXPECT_EQ(80u, got.size);
-    EXPECT_EQ(3u, got.mode);
-}
-
 // Every exported call refuses a handle that is not an open session (NULL, an
 // uninitialised session object, any other address) with EINVAL and touches
 // nothing; only the NULL forms of the sleep time-out and the revision query

@@ -1,29 +1,14 @@
-// Microsecond-to-row rules, the cached converter, the contrast step and the
-// history queue.
+// Microsecond-to-row rules, the contrast step and the history queue.
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <memory>
 #include <vector>
 
 #include "Contrast_step.h"
-#include "Exposure_controller.h"
 #include "Exposure_rules.h"
 #include "history_queue.h"
 #include "Output_capture.h"
 
-namespace {
-
-struct Counting_trait {
-    mutable unsigned conversions = 0;
-    static uint32_t exposure_rows(const Counting_trait& t, uint32_t us)
-    {
-        ++t.conversions;
-        return rows_x5501(us);
-    }
-};
-
-} // namespace
 
 TEST(ExposureRules, RoundingAndLimits)
 {
@@ -43,43 +28,6 @@ TEST(ExposureRules, RoundingAndLimits)
     };
     for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i)
         EXPECT_EQ(cases[i].rows, cases[i].expected) << "case " << i;
-}
-
-TEST(ExposureConverter, FollowsSettingsAndCacheModes)
-{
-    auto c = std::make_unique<Exposure_controller<Counting_trait>>();
-    Counting_trait trait;
-    c->bind(&trait);
-    c->settings.start_exposure = 3000;
-    EXPECT_EQ(c->start_exposure.current_rows(), 167u);
-    EXPECT_EQ(c->fixed_exposure.current_rows(), 1695u);
-    EXPECT_EQ(c->max_exposure.current_rows(), rows_x5501(60000));
-    EXPECT_EQ(trait.conversions, 3u);
-
-    Exposure_converter<Counting_trait>& conv = c->start_exposure;
-    conv.mode = 2; // rows set directly
-    conv.rows = 0;
-    EXPECT_EQ(conv.current_rows(), 1u);
-    EXPECT_EQ(conv.rows, 1u);
-    conv.rows = 500;
-    EXPECT_EQ(conv.current_rows(), 500u);
-    EXPECT_EQ(conv.get_rows(), 500u);
-    EXPECT_EQ(trait.conversions, 3u);
-
-    conv.mode = 1; // once more, then computing again
-    EXPECT_EQ(conv.current_rows(), 167u);
-    EXPECT_EQ(conv.mode, 0u);
-    conv.mode = 2;
-    c->settings.start_exposure = 30480; // a new setting wins over mode 2
-    EXPECT_EQ(conv.current_rows(), 1695u);
-    EXPECT_EQ(conv.mode, 0u);
-    EXPECT_EQ(conv.exposure_us, 30480u);
-    EXPECT_EQ(conv.get_rows(), 1695u);
-
-    Output_capture capture;
-    c->bind(nullptr);
-    EXPECT_EQ(conv.current_rows(), 1695u); // the cached value
-    EXPECT_EQ(capture.take(), std::vector<std::string>{Output_capture::assertion("p_sensor", "jni/../../lib/include/Exposure_converter", 94)});
 }
 
 TEST(ContrastStep, UpwardStepLimitedToFourFold)
