@@ -11,18 +11,30 @@
 // is destroyed; a call on the session may therefore delay its close, as
 // the session's own lock already does (VQXSI_GetNewScan: up to 30 s).
 //
-// Cost: one uncontended mutex lock and a search of the open sessions (a
-// handful) per call, twice. The table grows only when a session opens;
-// calls allocate nothing.
+// Layout: slots in blocks of 16 that are chained and never freed, so a
+// lookup walks them without a lock while a session opens in another thread.
+// A slot holds the session's address and one word with the number of calls
+// using it and a closing bit. A call's lookup is a search of the open
+// sessions (a handful) and one compare-and-swap on that word; giving the
+// use back is one atomic decrement (and, only when the session is closing
+// and this was its last call, a wake-up of the closing thread). Opening and
+// closing sessions take the registry's mutex: they are rare and may
+// allocate (a new block when every slot is taken); calls allocate nothing
+// and take no lock.
+//
+// A slot is reused for a later session only after its close has waited out
+// every use; a lookup that raced with such a reuse notices that the slot
+// now holds another session, gives its use back and looks on.
 //
 // Threading: every operation may be called from any thread.
 #ifndef VQX_SESSION_REGISTRY_H
 #define VQX_SESSION_REGISTRY_H
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
-#include <vector>
 
 class Scan_session;
 
@@ -45,16 +57,25 @@ public:
     size_t size() const;
 
 private:
-    struct Entry {
-        Scan_session* session;
-        unsigned users;
-        bool closing;
-    };
-    Entry* find(const void* handle);
+    static constexpr uint32_t closing_bit = 0x80000000u;
+    static constexpr unsigned block_slots = 16;
 
-    mutable std::mutex mutex;
+    struct Slot {
+        std::atomic<Scan_session*> session{nullptr};
+        std::atomic<uint32_t> uses{0};  ///< calls using the session | closing_bit
+    };
+    struct Block {
+        Slot slots[block_slots];
+        std::atomic<Block*> next{nullptr};
+    };
+
+    Slot* find(const void* handle);
+    void put_back(Slot& slot);
+
+    mutable std::mutex mutex;      ///< serialises add and remove
     std::condition_variable idle;  ///< a closing session's last use left
-    std::vector<Entry> entries;
+    Block first;
+    size_t open = 0;               ///< guarded by mutex
 };
 
 /// One call's use of a session (see Session_registry).

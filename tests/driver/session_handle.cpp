@@ -1,16 +1,19 @@
-// Session handles: sharing and releasing bodies, the record size rules of the
-// handle's lights and exposure forwarding, and what every exported function
-// does with an uninitialised session.
+// Session handles: sharing and releasing bodies, what every exported
+// function does with an uninitialised session, and the registry that checks
+// handles while sessions open and close in other threads.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include <VQXScanInterface.h>
 
 #include "Exposure_tags.h"
 #include "Scan_session_body.h"
+#include "Session_registry.h"
 #include "scan_session.h"
 #include "test_scope.h"
 
@@ -158,6 +161,56 @@ TEST(SessionHandle, NullAndUninitialisedHandles)
     EXPECT_EQ(0, std::memcmp(&zero, empty.Get_properties(), sizeof zero));
     EXPECT_GE(output.count("Attempt to use an uninitialzed session"), 4u);
     EXPECT_GE(output.count("Session_lock::Session_lock failed jni/../scan_session:16"), 3u);
+}
+
+// Sessions open and close (reusing slots, more than one block of them) while
+// other threads look their handles up: a lookup yields the session of its
+// handle or nothing, never another one, and a close returns only once no
+// lookup holds the session. The registry never dereferences a session, so
+// plain addresses stand in for them.
+TEST(SessionRegistry, LookupsRaceOpensAndClosesWithoutMixingSessions)
+{
+    Session_registry& registry = Session_registry::instance();
+    static char place[40];
+    auto at = [](int i) { return reinterpret_cast<Scan_session*>(&place[i]); };
+    const size_t open_before = registry.size();
+    for (int i = 20; i < 40; ++i)  // a second block, kept open throughout
+        registry.add(at(i));
+    std::atomic<int> in_use[20] = {};
+    std::atomic<bool> done{false}, wrong{false};
+    std::vector<std::thread> callers;
+    for (int t = 0; t < 2; ++t) {
+        callers.emplace_back([&, t] {
+            for (unsigned n = 0; !done; ++n) {
+                const int i = static_cast<int>((n * 7 + t) % 20);
+                Session_use use(at(i));
+                if (use && use.get() != at(i))
+                    wrong = true;
+                if (use) {
+                    in_use[i].fetch_add(1);
+                    in_use[i].fetch_sub(1);
+                }
+                Session_use kept(at(20 + i));
+                if (!kept)
+                    wrong = true;
+            }
+        });
+    }
+    for (int round = 0; round < 2000; ++round) {
+        const int i = round % 20;
+        registry.add(at(i));
+        EXPECT_EQ(at(i), registry.remove(at(i)));
+        EXPECT_EQ(0, in_use[i].load()) << "closed while in use";
+        EXPECT_EQ(nullptr, registry.remove(at(i)));
+    }
+    done = true;
+    for (std::thread& c : callers)
+        c.join();
+    EXPECT_FALSE(wrong);
+    for (int i = 20; i < 40; ++i)
+        EXPECT_EQ(at(i), registry.remove(at(i)));
+    EXPECT_EQ(open_before, registry.size());
+    EXPECT_FALSE(Session_use(nullptr));
 }
 
 } // namespace
