@@ -55,6 +55,16 @@ TEST(AptinaTrait, GainCodesAndRowsReachTheHardwareLayer)
         const double wanted = std::max(r.gain, 256u) / 256.0;
         EXPECT_NEAR(wanted > 8 ? 8 : wanted, r.applied, r.applied / 16);
     }
+    // Automatic exposure: the whole contrast step goes into rows at the
+    // highest gain (a white on target keeps the contrast); no gain, one row.
+    controller.settings.mode = 2;
+    for (unsigned max_gain : {512u, 0u}) {
+        controller.settings.max_gain = max_gain;
+        unsigned contrast = 0;
+        EXPECT_TRUE(trait.update_contrast(controller.settings.target_value, 51200, contrast));
+        EXPECT_EQ(max_gain ? 100u : 1u, sim->reg(0)) << max_gain;
+        EXPECT_EQ(max_gain ? 51200u : 0u, contrast);
+    }
 }
 
 TEST(AptinaTrait, UnimplementedOperationsReportTheirNamesAndLines)

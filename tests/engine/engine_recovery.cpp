@@ -2,9 +2,9 @@
 // simulated sensors, one process per case (ctest runs each alone):
 //   - MT9V022: no frame within 200 ms of the trigger gives exactly one
 //     late-vsync report, one sensor reset and one table reload, and frames
-//     flow again;
-//   - RILO: a stop puts the sensor to sleep (its output really stops) and
-//     the next start wakes it;
+//     flow again; the last close powers the sensor down and off;
+//   - RILO: its engine id class; a stop puts the sensor to sleep (its
+//     output really stops) and the next start wakes it;
 //   - APTINA: a scan delivers no frame (the trait leaves frame delivery
 //     unimplemented) and no call waits for one.
 #include <gtest/gtest.h>
@@ -73,6 +73,9 @@ TEST(EngineRecovery, MT9V022LateVsyncReloadsTheTableOnceAndFramesFlow)
         resets += w.address == 0x82;
     EXPECT_EQ(2u, resets);
     EXPECT_TRUE(wait_until([sim] { return sim->buffers_in(vqxsim::Buffer_state::delivered) == 0; }, 2000));
+    // The last close powers the sensor down, then off.
+    EXPECT_FALSE(sim->supplied());
+    EXPECT_TRUE(sim->standby());
     sim->shutdown();
 }
 
@@ -81,6 +84,12 @@ TEST(EngineRecovery, RiloSleepsWhenStoppedAndWakesOnStart)
     vqxsim::Simulator* sim = start_sim("RILO", "");
     Session s;
     ASSERT_NE(nullptr, static_cast<VQXSI_HANDLE>(s));
+    // The engine's id class (15), also in a record of 8 bytes.
+    for (unsigned size : {8u, unsigned(sizeof(VQX_SCANENGINE_PROPERTIES_EX))}) {
+        VQX_SCANENGINE_PROPERTIES_EX p{};
+        ASSERT_EQ(1, VQXSI_GetScanEnginePropertiesEx(s, &p, size));
+        EXPECT_EQ(15u, p.engine_id_class) << size;
+    }
     for (int scan = 0; scan < 2; ++scan) {
         SCOPED_TRACE("scan " + std::to_string(scan));
         ASSERT_EQ(1, VQXSI_StartScanning(s));
