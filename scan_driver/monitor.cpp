@@ -210,10 +210,9 @@ Monitor_base* Monitor_base::enter(unsigned ms) volatile
         return nullptr;
     }
     SD_ASSERT(m->mutex->owns(), "owns()", VQX_MONITOR_LABEL, 168);
-    if (++m->entry_cnt == 1)
-        m->notify_pending = false;
-    else
-        m->mutex->release();  // nesting is counted in entry_cnt only
+    // A holder's nested entry returned above: this is the outermost one.
+    ++m->entry_cnt;
+    m->notify_pending = false;
     return m;
 }
 
@@ -256,11 +255,19 @@ void Monitor_base::notify_check(Pending_sets& later) const
     if (!notify_pending)
         return;
     for (Condition* c = waiting; c; c = c->next) {
-        if (!c->item || !c->check() || later.count == Pending_sets::capacity) {
-            c->update();
+        if (!c->item) {
+            c->update();  // reports the condition without an event
             continue;
         }
-        later.events[later.count++] = c->item->event;
+        // Each predicate is evaluated once: false resets its event now,
+        // true sets it once the lock is given up (or now, when the list of
+        // sets to make later is full).
+        if (!c->check())
+            c->item->event->reset_event();
+        else if (later.count == Pending_sets::capacity)
+            c->item->event->set_event();
+        else
+            later.events[later.count++] = c->item->event;
     }
 }
 
