@@ -128,6 +128,8 @@ TEST(Time, TimespecTickCountDelayAndThreads)
     const auto t0 = std::chrono::steady_clock::now();
     MT_Delay(15);
     EXPECT_GE(std::chrono::steady_clock::now() - t0, 15ms);
+    MT_Delay(1001);  // whole seconds, then the rest
+    EXPECT_GE(std::chrono::steady_clock::now() - t0, 1016ms);
 
     // MT_CreateThread runs the function on a joinable thread.
     std::atomic<int> calls{0};
