@@ -210,6 +210,17 @@ TEST_F(Settings, SleepTimeOutPutsTheIdleEngineToSleepAndScanningWakesIt)
         ASSERT_EQ(1, VQXSI_SetLights(s, &l));
         EXPECT_TRUE(wait_until([] { return sim().standby(); }, 2000));
 
+        // Idle lights switched on while asleep hold the engine awake (this
+        // engine shows them at its next power-up); switched off, it goes
+        // to sleep once more after the time-out.
+        const uint64_t downs = sim().calls("ImagerPowerDown");
+        l.idle_mode = VQX_LIGHTS_AIMER;
+        ASSERT_EQ(1, VQXSI_SetLights(s, &l));
+        l.idle_mode = VQX_LIGHTS_OFF;
+        ASSERT_EQ(1, VQXSI_SetLights(s, &l));
+        EXPECT_TRUE(wait_until([downs] { return sim().calls("ImagerPowerDown") > downs; }, 2000))
+            << "the engine held awake did not sleep again";
+
         ASSERT_EQ(1, VQXSI_SetSleepTimeout(s, 0));
         ASSERT_EQ(1, VQXSI_GetSleepTimeout(s, &ms));
         EXPECT_EQ(0u, ms);
