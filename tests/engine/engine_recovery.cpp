@@ -2,8 +2,8 @@
 // simulated sensors, one process per case (ctest runs each alone):
 //   - MT9V022: no frame within 200 ms of the trigger gives exactly one
 //     late-vsync report, one sensor reset and one table reload, and frames
-//     flow again; the last close powers the sensor down and off and
-//     closes the layer's session once;
+//     flow again; the last close (after a scan or without one) powers the
+//     sensor down and off and closes the layer's session once;
 //   - RILO: its engine id class; a stop puts the sensor to sleep (its
 //     output really stops) and the next start wakes it;
 //   - X5501: an automatic scan starts from the exposure the last one ended
@@ -82,6 +82,15 @@ TEST(EngineRecovery, MT9V022LateVsyncReloadsTheTableOnceAndFramesFlow)
     EXPECT_TRUE(sim->standby());
     EXPECT_EQ(1u, sim->calls("OpenSession"));
     EXPECT_EQ(1u, sim->calls("CloseSession"));
+    // A session closed without a scan: the open powered the sensor up and
+    // took it out of standby; the close puts it back before cutting supply.
+    {
+        Session s;
+        ASSERT_NE(nullptr, static_cast<VQXSI_HANDLE>(s));
+        EXPECT_TRUE(sim->supplied() && !sim->standby());
+    }
+    EXPECT_FALSE(sim->supplied());
+    EXPECT_TRUE(sim->standby());
     sim->shutdown();
 }
 
