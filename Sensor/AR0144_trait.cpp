@@ -462,6 +462,12 @@ bool AR0144_trait::set_exposure_gain(unsigned rows, unsigned gain)
     const uint16_t programmed_rows = static_cast<uint16_t>(std::min(std::max(rows, 1u), max_rows));
     uint16_t code = code_of_gain(gain);
     uint16_t integration[2] = {programmed_rows, fine_time};
+    // The values shape the frame two after the one during which they are
+    // written, which is not always the one exposure_frame() saw: a frame
+    // the transfer lost leaves the sensor running on while the update is
+    // computed. Step the histories to the frame of the write itself.
+    if (power_state == POWER_STREAMING && frame_counter.counting())
+        follow_frame_counter();
     bool ok = true;
     if (hwl.WriteReg(REG_ANALOG_GAIN, &code, 2))
         analog_gain = code;

@@ -47,10 +47,13 @@
 // histories by the sensor frames since its last call, so frames the driver
 // never saw (no buffer armed, a frame dropped by the transfer) keep the
 // credit exact, and a second call for the same frame steps nothing; without
-// a counter reading it steps one frame. Limit: the counter is read at the
-// programming point, so a programming point that comes only after the next
-// frame has begun (a frame callback delayed by a whole frame period)
-// credits the delivered frame with the next frame's values.
+// a counter reading it steps one frame. set_exposure_gain() follows the
+// counter again right before its writes while streaming: the update after
+// an inter-frame point is computed on the timer thread, and when the
+// transfer lost that frame nothing holds the sensor back, so the next frame
+// may begin before the write; the values are credited to the frame during
+// which they are written. What remains open is a frame that begins between
+// that reading and the end of the two register writes.
 // current_exposure() (read when a delivered frame's attributes are filled,
 // before current_gain()) follows the counter too: in capture modes 1 to 3 a
 // frame lost by the transfer after its inter-frame point leaves its buffer

@@ -184,6 +184,10 @@ bool Kelp_trait::set_exposure_gain(unsigned rows, unsigned gain)
     const uint16_t r = static_cast<uint16_t>(std::min(std::max(rows, 1u), MAX_REGISTER));
     const uint16_t g = static_cast<uint16_t>(std::min(std::max(gain, 1u), MAX_REGISTER));
     uint16_t values[2] = {r, g};  // exposure and gain, one burst
+    // Credit the values to the frame during which they are written (see
+    // AR0144_trait::set_exposure_gain): step to it first.
+    if (streaming && frame_counter.counting())
+        exposure_frame();
     if (!hwl.WriteReg(REG_EXPOSURE, values, sizeof values))
         return false;
     exposure_history.newest() = r;

@@ -37,7 +37,10 @@
 // read), so frames the driver never saw keep the credit exact. Element 0
 // is what this period programs; element 2 (the latency) what the frame
 // being delivered was taken with. The histories record what the registers
-// hold (rows and gain clamped to 1..65535).
+// hold (rows and gain clamped to 1..65535). While streaming,
+// set_exposure_gain() steps by the counter again right before its write,
+// so values written after the next frame began (an update computed late
+// for a frame the transfer lost) are credited to the frame of the write.
 //
 // Lights: the hardware layer's AimOn/AimOff and IllumOn/IllumOff, by the
 // PSoC lights code of the lighting record's scanning mode while scanning
