@@ -7,6 +7,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "AR0144_trait.h"
@@ -196,8 +197,10 @@ TEST(AR0144_trait, StreamingAndTheExposureHistory)
     // A frame is taken with what the registers held at the end of the frame
     // period two sensor frames before its own. The sensor's frame counter,
     // read at each programming point, names the period; the counter below
-    // repeats once (a second call for one frame) and skips one (a frame the
-    // driver never saw). The expectation comes from that rule alone.
+    // repeats once (a second call for one frame), skips one (a frame the
+    // driver never saw) and moves on once between a programming point and
+    // its write (the next frame began while the update was computed). The
+    // expectation comes from that rule alone.
     for (uint32_t mode : {0u, 3u}) {
         Rig rig(1, mode);
         std::map<unsigned, unsigned> written;  // period -> rows written in it
@@ -208,7 +211,10 @@ TEST(AR0144_trait, StreamingAndTheExposureHistory)
         EXPECT_EQ(rig.hwl.writes().back(), (Write{0x301A, {0x085C}}));
         EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_STREAMING);
         rig.hwl.regs[0x301C] = 1;  // the sensor reports streaming
-        for (unsigned count : {8u, 9u, 10u, 10u, 11u, 13u, 14u, 15u, 16u}) {
+        const std::pair<unsigned, unsigned> points[] = {{8, 8},   {9, 9},   {10, 10}, {10, 10}, {11, 11},
+                                                        {13, 14}, {15, 15}, {16, 16}, {17, 17}};
+        for (const auto& point : points) {
+            unsigned count = point.first;
             SCOPED_TRACE(count);
             rig.hwl.regs[0x303A] = static_cast<uint16_t>(count);
             rig.trait.exposure_frame();
@@ -219,6 +225,8 @@ TEST(AR0144_trait, StreamingAndTheExposureHistory)
             EXPECT_EQ(rig.trait.current_exposure(), expected);
             EXPECT_EQ(rig.trait.current_gain(), 512u);
             EXPECT_EQ(rig.trait.current_contrast(), expected * 512);
+            count = point.second;
+            rig.hwl.regs[0x303A] = static_cast<uint16_t>(count);
             written[count] = 100 + count + (written.count(count) ? 100 : 0);
             rig.trait.set_exposure_gain(written[count], 512);
             if (count == 11)
