@@ -3,8 +3,8 @@
 // It models only what the driver needs to run and nothing that costs time:
 // a plain register file (writes stored, reads return them), a PSoC register
 // file, power and lights switches that just answer true, and the capture
-// buffers. A frame is "filled" the moment it is delivered: the benchmark
-// measures the driver, not a sensor.
+// buffers, which hold a scanned scene (make_frames). A frame is "filled" the
+// moment it is delivered: the benchmark measures the driver, not a sensor.
 //
 // Frames are delivered in one of two ways:
 //   - by the caller: next_armed() waits for a buffer the driver armed and
@@ -21,6 +21,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -30,10 +31,29 @@
 
 namespace bench {
 
+/// A scanned scene, @p buffers times over: dark bars on a light, slightly
+/// noisy background. The cost of sampling a frame depends on its content
+/// (a uniform frame piles every pixel into one histogram bin, the slowest
+/// case), so the benchmarks sample what a scan engine sees.
+inline std::vector<uint8_t> make_frames(unsigned w, unsigned h, unsigned buffers = 1)
+{
+    std::vector<uint8_t> img(size_t(w) * h * buffers);
+    uint32_t x = 1;
+    for (unsigned r = 0; r < h; ++r)
+        for (unsigned c = 0; c < w; ++c) {
+            x = x * 1664525u + 1013904223u;
+            const unsigned base = (c / 6) % 3 == 0 ? 40 : 190;
+            img[size_t(r) * w + c] = uint8_t(base + (x >> 28));
+        }
+    for (unsigned b = 1; b < buffers; ++b)
+        std::memcpy(img.data() + size_t(b) * w * h, img.data(), size_t(w) * h);
+    return img;
+}
+
 class Bench_hwl : public IHwl_AR0144 {
 public:
     Bench_hwl(unsigned width, unsigned height, unsigned buffers, unsigned capture_mode = 0)
-        : w(width), h(height), mode(capture_mode), memory(size_t(width) * height * buffers, 128),
+        : w(width), h(height), mode(capture_mode), memory(make_frames(width, height, buffers)),
           regs(65536, 0)
     {
         for (unsigned i = 0; i < buffers; ++i) {

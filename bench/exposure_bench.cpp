@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "Bench_hwl.h"
 #include "Exposure_controller.h"
 #include "Exposure_rules.h"
 #include "X5501_Exposure_controller.h"
@@ -24,20 +25,6 @@ struct Size {
     unsigned w, h;
 };
 constexpr Size sizes[] = {{640, 480}, {752, 480}, {1280, 800}};
-
-// Dark bars on a light, slightly noisy background.
-std::vector<uint8_t> make_frame(unsigned w, unsigned h)
-{
-    std::vector<uint8_t> img(size_t(w) * h);
-    uint32_t x = 1;
-    for (unsigned r = 0; r < h; ++r)
-        for (unsigned c = 0; c < w; ++c) {
-            x = x * 1664525u + 1013904223u;
-            const unsigned base = (c / 6) % 3 == 0 ? 40 : 190;
-            img[size_t(r) * w + c] = uint8_t(base + (x >> 28));
-        }
-    return img;
-}
 
 void frame(Exposure_controller_base& c, const uint8_t* img, unsigned w, unsigned h)
 {
@@ -54,7 +41,7 @@ template <class Controller>
 void BM_frame(benchmark::State& state)
 {
     const Size sz = sizes[state.range(0)];
-    const std::vector<uint8_t> img = make_frame(sz.w, sz.h);
+    const std::vector<uint8_t> img = bench::make_frames(sz.w, sz.h);
     auto c = std::make_unique<Controller>();
     c->settings.mode = static_cast<uint32_t>(state.range(1));
     c->settings.exposure_method = static_cast<uint32_t>(state.range(2));
