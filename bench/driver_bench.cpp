@@ -12,7 +12,10 @@
 //    RoundTrip_Paired runs both, alternating frame by frame, and reports
 //    each one's mean (driver_us, bare_us) and their ratio
 //    (driver_per_bare): the figure the goal is judged by, since separate
-//    benchmarks see the shared machine at different moments.
+//    benchmarks see the shared machine at different moments. It also gives
+//    each one's mean time from the vsync (the bare signal) until the client
+//    runs with the frame (driver_to_client_us, bare_to_client_us): the
+//    driver's own work before it wakes the client shows there.
 //  - WaitingFrame: VQXSI_GetNewScan plus VQXSI_UnlockBuffer when the frame
 //    is already in the hand-off (no wake-up), timed alone; the baseline
 //    takes a waiting slot under a pthread mutex and gives it back.
@@ -37,17 +40,30 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// Round trips of the paired benchmark, each path's mean: the whole trip,
+// and from the vsync (the bare signal) until the client runs with the frame.
+struct Paired {
+    double driver_us = 0, bare_us = 0;
+    double driver_to_client_us = 0, bare_to_client_us = 0;
+};
+
 // Every benchmark of the program reports the same counters (the CSV report
 // needs one set of columns).
-void report(benchmark::State& state, double lost, double raw_us, double settle_us, double driver_us,
-            double bare_us)
+void report(benchmark::State& state, double lost, double raw_us, double settle_us, const Paired& p = {})
 {
     state.counters["lost"] = lost;
     state.counters["raw_us"] = raw_us;
     state.counters["settle_us"] = settle_us;
-    state.counters["driver_us"] = driver_us;
-    state.counters["bare_us"] = bare_us;
-    state.counters["driver_per_bare"] = bare_us > 0 ? driver_us / bare_us : 0;
+    state.counters["driver_us"] = p.driver_us;
+    state.counters["bare_us"] = p.bare_us;
+    state.counters["driver_per_bare"] = p.bare_us > 0 ? p.driver_us / p.bare_us : 0;
+    state.counters["driver_to_client_us"] = p.driver_to_client_us;
+    state.counters["bare_to_client_us"] = p.bare_to_client_us;
+}
+
+int64_t now_ns()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
 }
 
 constexpr double kSettleSecondsPerPowerUp = (20 + 2 + 24) / 1000.0;
@@ -61,7 +77,7 @@ bool pinning_unavailable(benchmark::State& state, bool pinned)
     if (!pinned || bench::usable_cpus() >= 2)
         return false;
     state.SkipWithError("needs two CPUs");
-    report(state, 0, 0, 0, 0, 0);
+    report(state, 0, 0, 0);
     return true;
 }
 
@@ -81,6 +97,7 @@ public:
                     ++lost;
                     continue;
                 }
+                woke_ns = now_ns();
                 VQXSI_UnlockBuffer(h, frame);
                 hwl.frame_taken();  // given back
             }
@@ -98,14 +115,17 @@ public:
         VQXSI_CloseSessionWithScanEngine(h);
     }
     /// One frame there and back; false when the driver armed no capture.
-    bool once()
+    /// @p to_client: time from the vsync until the client had the frame.
+    bool once(double& to_client)
     {
+        const int64_t t0 = now_ns();
         hwl.deliver(handle);
         // The driver arms the next capture at once (capture mode 0): wait
         // for the client to give the frame back first, as the bare
         // hardware thread does.
         while (!hwl.wait_taken(2000) && !done) {
         }
+        to_client = double(woke_ns - t0) / 1e3;
         handle = hwl.next_armed();
         return handle != 0;
     }
@@ -116,6 +136,7 @@ private:
     VQXSI_HANDLE h;
     std::atomic<bool> done{false};
     std::atomic<uint64_t> lost{0};
+    std::atomic<int64_t> woke_ns{0};
     int handle = 0;
     std::thread client;
 };
@@ -129,6 +150,7 @@ struct Bare_channel {
     bool frame = false;
     bool freed = false;
     bool done = false;
+    int64_t woke_ns = 0;  ///< when the client last woke with a frame
 };
 
 // Waits on @p cond for at most @p ms (a deadline on the real-time clock,
@@ -159,6 +181,7 @@ public:
                     bounded_wait(c.to_client, c.mutex, 30000);
                 if (c.done)
                     break;
+                c.woke_ns = now_ns();
                 c.frame = false;  // the client has the frame ...
                 c.freed = true;   // ... and gives it back
                 pthread_cond_signal(&c.to_hardware);
@@ -174,14 +197,16 @@ public:
         pthread_mutex_unlock(&c.mutex);
         client.join();
     }
-    void once()
+    void once(double& to_client)
     {
+        const int64_t t0 = now_ns();
         pthread_mutex_lock(&c.mutex);
         c.frame = true;
         pthread_cond_signal(&c.to_client);
         while (!c.freed)
             bounded_wait(c.to_hardware, c.mutex, 2000);
         c.freed = false;
+        to_client = double(c.woke_ns - t0) / 1e3;
         pthread_mutex_unlock(&c.mutex);
     }
 
@@ -200,8 +225,9 @@ void BM_RoundTrip_Driver(benchmark::State& state)
         Driver_round_trip trip(pinned);
         if (pinned)
             bench::pin_to(0);
+        double to_client = 0;
         for (auto _ : state) {
-            if (!trip.once()) {
+            if (!trip.once(to_client)) {
                 state.SkipWithError("the driver armed no capture");
                 break;
             }
@@ -209,7 +235,7 @@ void BM_RoundTrip_Driver(benchmark::State& state)
         lost = trip.frames_lost();
     }
     bench::pin_to(-1);
-    report(state, double(lost), 0, 0, 0, 0);
+    report(state, double(lost), 0, 0);
 }
 BENCHMARK(BM_RoundTrip_Driver)->ArgName("pinned")->Arg(0)->Arg(1)->UseRealTime();
 
@@ -222,11 +248,12 @@ void BM_RoundTrip_Bare(benchmark::State& state)
         Bare_round_trip trip(pinned);
         if (pinned)
             bench::pin_to(0);
+        double to_client = 0;
         for (auto _ : state)
-            trip.once();
+            trip.once(to_client);
     }
     bench::pin_to(-1);
-    report(state, 0, 0, 0, 0, 0);
+    report(state, 0, 0, 0);
 }
 BENCHMARK(BM_RoundTrip_Bare)->ArgName("pinned")->Arg(0)->Arg(1)->UseRealTime();
 
@@ -240,7 +267,7 @@ void BM_RoundTrip_Paired(benchmark::State& state)
     const bool pinned = state.range(0) != 0;
     if (pinning_unavailable(state, pinned))
         return;
-    double driver_s = 0, bare_s = 0;
+    double driver_s = 0, bare_s = 0, driver_wake = 0, bare_wake = 0;
     uint64_t lost = 0;
     {
         Driver_round_trip driver(pinned);
@@ -251,10 +278,12 @@ void BM_RoundTrip_Paired(benchmark::State& state)
         for (auto _ : state) {
             for (int k = 0; k < 2; ++k) {
                 const bool run_driver = (k == 0) == driver_first;
+                double to_client = 0;
                 const auto t0 = Clock::now();
-                const bool ok = run_driver ? driver.once() : (bare.once(), true);
+                const bool ok = run_driver ? driver.once(to_client) : (bare.once(to_client), true);
                 const double t = std::chrono::duration<double>(Clock::now() - t0).count();
                 (run_driver ? driver_s : bare_s) += t;
+                (run_driver ? driver_wake : bare_wake) += to_client;
                 if (!ok) {
                     state.SkipWithError("the driver armed no capture");
                     break;
@@ -268,7 +297,12 @@ void BM_RoundTrip_Paired(benchmark::State& state)
     }
     bench::pin_to(-1);
     const double n = state.iterations() ? double(state.iterations()) : 1.0;
-    report(state, double(lost), 0, 0, driver_s * 1e6 / n, bare_s * 1e6 / n);
+    Paired p;
+    p.driver_us = driver_s * 1e6 / n;
+    p.bare_us = bare_s * 1e6 / n;
+    p.driver_to_client_us = driver_wake / n;
+    p.bare_to_client_us = bare_wake / n;
+    report(state, double(lost), 0, 0, p);
 }
 BENCHMARK(BM_RoundTrip_Paired)->ArgName("pinned")->Arg(0)->Arg(1)->UseRealTime();
 
@@ -301,7 +335,7 @@ void BM_WaitingFrame_Driver(benchmark::State& state)
     }
     VQXSI_StopScanning(h);
     VQXSI_CloseSessionWithScanEngine(h);
-    report(state, 0, 0, 0, 0, 0);
+    report(state, 0, 0, 0);
 }
 BENCHMARK(BM_WaitingFrame_Driver)->UseManualTime()->Unit(benchmark::kNanosecond);
 
@@ -331,7 +365,7 @@ void BM_WaitingFrame_Bare(benchmark::State& state)
         benchmark::DoNotOptimize(frame);
         state.SetIterationTime(std::chrono::duration<double>(t1 - t0).count());
     }
-    report(state, 0, 0, 0, 0, 0);
+    report(state, 0, 0, 0);
 }
 BENCHMARK(BM_WaitingFrame_Bare)->UseManualTime()->Unit(benchmark::kNanosecond);
 
@@ -367,7 +401,7 @@ void BM_StartLatency_Driver(benchmark::State& state)
     hwl.stop_pump();
     VQXSI_CloseSessionWithScanEngine(h);
     const double n = state.iterations() ? double(state.iterations()) : 1.0;
-    report(state, 0, raw * 1e6 / n, settle * 1e6 / n, 0, 0);
+    report(state, 0, raw * 1e6 / n, settle * 1e6 / n);
 }
 BENCHMARK(BM_StartLatency_Driver)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
