@@ -83,7 +83,7 @@ struct Engine {
 // for a new frame (documented); the AR0144 and the Kelp follow their frame
 // counters and the Rilo reads its exposure back from the sensor.
 const Engine kEngines[] = {
-    {"X7710", 256.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5", false, false, 500.0, {}},
+    {"X7710", 256.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5,zero_handle=*11,unknown_handle=*13", false, false, 500.0, {}},
     // The MT9M114's gain register keeps a 6-bit mantissa of gain / 8; the
     // X5501 takes ES_FIXED_GAIN in its own 1/512 unit.
     {"X5501", 512.0, 1.0 / 32, 8.0, false, 1.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", true, false, 3000.0, {}},
@@ -94,7 +94,7 @@ const Engine kEngines[] = {
     {"MT9V022", 16.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5}, "zero_handle=*5,unknown_handle=*7", false, true,
      9024.0, {"flat x16"}},
     // Kelp: the project's own engine, with a frame counter like the AR0144's.
-    {"KELP", 256.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5", false, false, 515.0, {}},
+    {"KELP", 256.0, 0.0, 0.0, false, 2.0, {0, 2, 3, 4, 5, 6, 7}, "drop=*7,duplicate=*5,zero_handle=*11,unknown_handle=*13", false, false, 515.0, {}},
     // Rilo: 200 us to 8.9 ms at a fixed 2x, a 45-fold range.
     {"RILO", 256.0, 0.0, 0.0, true, 2.0, {0, 2, 3, 4, 5}, "drop=*7,duplicate=*5", false, true,
      500.0, {"barcode x16", "flat x1/16", "flat x16"}},

@@ -69,6 +69,21 @@ TEST_F(Misuse_test, GetNewScanGivesUpOnAStalledStream)
     ASSERT_EQ(VQXSI_StopScanning(s), 1);
     frame = first_frame(s);
     EXPECT_NE(frame, nullptr);
+    ASSERT_EQ(VQXSI_UnlockBuffer(s, frame), 1);
+    ASSERT_EQ(VQXSI_StopScanning(s), 1);
+
+    // No first frame at all: the driver tries three times to get the
+    // stream going, the last try restarting the transfer (a second
+    // StartScanning of the engine within this scan), then gives up. The
+    // last scan's stream must have stopped first, so that this scan starts
+    // a new one.
+    ASSERT_TRUE(wait_until([] { return snapshot().stream == IStream_driver::STOPPED; }));
+    hwl().stall = true;
+    const uint64_t transfers = sim().calls("StartScanning");
+    ASSERT_EQ(VQXSI_StartScanning(s), 1);
+    EXPECT_EQ(VQXSI_GetNewScan(s), nullptr);
+    EXPECT_EQ(sim().calls("StartScanning") - transfers, 2u) << "the scan's start and the last try's restart";
+    hwl().stall = false;
 }
 
 TEST_F(Misuse_test, GetNewScanWhileClientsHoldAllButOneBuffer)
