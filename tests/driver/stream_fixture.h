@@ -134,15 +134,12 @@ protected:
     bool client_unlock(ScanBufferInfo* info) { return vlocker().UnlockBuffer(info, ScanBufferInfo::CLIENT); }
     bool client_lock(size_t i) { return vlocker().LockBuffer(record(i), ScanBufferInfo::CLIENT); }
 
-    // Stops a running scan, confirms a deferred stop and completes pending
-    // captures (a mode 6 snapshot fills the first buffer) until STOPPED.
+    // Stops a running scan and completes pending captures (a mode 6
+    // snapshot fills the first buffer) until STOPPED.
     void stop_and_drain()
     {
         if (state() == IStream_driver::SCANNING)
             stream->stop_scanning();
-        void* context = nullptr;
-        if (Sensor_trait::Stop_callback confirm = trait.take_pending_stop(context))
-            confirm(context);
         for (int i = 0; i < 3 && state() == IStream_driver::STOPPING; ++i) {
             ScanBufferInfo* filling = vstream().get_lock()->filling();
             if (vstream().get_lock()->get_pending_captures() > 0)
