@@ -15,8 +15,17 @@ uint64_t name_hash(const char* name)
 }  // namespace
 
 Fault_gate::Fault_gate(const Trigger& trigger, uint64_t seed, const char* name)
-    : trigger(trigger), random(seed ^ name_hash(name))
+    : trigger(trigger), seed(seed ^ name_hash(name)), random(this->seed)
 {
+}
+
+void Fault_gate::retarget(const Trigger& t)
+{
+    if (t.kind == trigger.kind && t.n == trigger.n && t.probability == trigger.probability)
+        return;
+    trigger = t;
+    count = fires = 0;
+    random.seed(seed);
 }
 
 bool Fault_gate::next()

@@ -23,11 +23,15 @@ public:
 
     /// Counts one event; true when the fault fires on it.
     bool next();
+    /// Fires by @p trigger from now on; a trigger different from the one
+    /// in use starts counting anew.
+    void retarget(const Trigger& trigger);
     uint64_t events() const { return count; }
     uint64_t fired() const { return fires; }
 
 private:
     Trigger trigger;
+    uint64_t seed;
     uint64_t count = 0;
     uint64_t fires = 0;
     std::mt19937_64 random;

@@ -243,10 +243,16 @@ bool parse_fault(const std::string& key, const std::string& value, bool has_valu
         return has_value && parse_ranged(value, f.defer_stop_ms, 0, 60000);
     if (key == "first_frame_delay")
         return has_value && parse_ranged(value, f.first_frame_delay_ms, 0, 60000);
-    if (key == "never_confirm_stop") {
-        f.never_confirm_stop = true;
-        return !has_value;
-    }
+    const std::pair<const char*, bool Faults::*> flags[] = {
+        {"never_confirm_stop", &Faults::never_confirm_stop},
+        {"hold_frames", &Faults::hold_frames},
+        {"start_fail", &Faults::start_fail},
+    };
+    for (const auto& flag : flags)
+        if (key == flag.first) {
+            f.*flag.second = true;
+            return !has_value;
+        }
     return false;
 }
 

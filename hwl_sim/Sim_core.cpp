@@ -174,6 +174,7 @@ Sim_core::Sim_core(const Config& config, std::unique_ptr<Sensor_model> sensor, s
       scene(std::move(view)),
       ambient(config.ambient),
       scene_scale(config.scene_scale),
+      faults(config.faults),
       drop_gate(config.faults.drop, config.seed, "drop"),
       zero_gate(config.faults.zero_handle, config.seed, "zero_handle"),
       duplicate_gate(config.faults.duplicate, config.seed, "duplicate"),
@@ -255,12 +256,29 @@ void Sim_core::disarm(int index)
     armed.erase(std::remove(armed.begin(), armed.end(), index), armed.end());
 }
 
+int Sim_core::index_at(const void* address) const
+{
+    auto p = reinterpret_cast<uintptr_t>(address);
+    auto base = reinterpret_cast<uintptr_t>(memory.data());
+    if (p < base || p - base >= memory.size())
+        return -1;
+    return int((p - base) / frame.size());
+}
+
+// A buffer leaves the driver (ReleaseBuffer) or is armed again: an
+// announced frame in it has come back; a frame held back is gone.
+void Sim_core::give_back(Buffer& buffer)
+{
+    if (buffer.state == Buffer_state::delivered && !buffer.held)
+        ++count.frames_returned;
+    buffer.held = false;
+}
+
 int Sim_core::pick_target() const
 {
     if (!transfer)
         return -1;
-    bool self_filling = cfg.capture_mode == 4 || cfg.capture_mode == 6;
-    if (!self_filling || !armed.empty())
+    if (!self_filling() || !armed.empty())
         return armed.empty() || (cfg.capture_mode == 6 && snapshots == 0) ? -1 : armed.front();
     if (cfg.capture_mode == 6 && snapshots == 0)
         return -1;
@@ -285,7 +303,7 @@ void Sim_core::state_changed()
     if (now_running && !running) {
         pipeline.restart(model->controls(), model->frame_latency(), model->gain_latency());
         Clock::time_point now = Clock::now();
-        first_frame_at = now + std::chrono::milliseconds(cfg.faults.first_frame_delay_ms);
+        first_frame_at = now + std::chrono::milliseconds(faults.first_frame_delay_ms);
         next_frame = first_frame_at + std::chrono::microseconds(int64_t(1e6 / cfg.fps));
     }
     running = now_running;
@@ -375,6 +393,7 @@ void Sim_core::ReleaseBuffer(int buffer)
     } else {
         if (buffers[i].state == Buffer_state::armed)
             disarm(i);
+        give_back(buffers[i]);
         buffers[i].state = Buffer_state::free;
     }
     trace.line("ReleaseBuffer(0x%X)%s", unsigned(buffer), i < 0 ? " unknown handle" : "");
@@ -416,6 +435,7 @@ bool Sim_core::InitCapture(int buffer)
     if (!ok) {
         ++count.bad_captures;
     } else if (buffers[i].state != Buffer_state::armed) {
+        give_back(buffers[i]);
         buffers[i].state = Buffer_state::armed;
         armed.push_back(i);
     }
@@ -640,6 +660,11 @@ bool Sim_core::StartScanning()
 {
     std::lock_guard<std::mutex> hold(mutex);
     note("StartScanning");
+    if (faults.start_fail) {
+        ++count.failed_starts;
+        trace.line("StartScanning() = 0 (start_fail)");
+        return false;
+    }
     transfer = true;
     if (is_stalled && stopped_in_stall)
         stall_recovering = true;
@@ -679,10 +704,14 @@ bool Sim_core::RequestStopScanning(IHwl::Stop_callback callback, void* context)
     std::lock_guard<std::mutex> hold(mutex);
     note("RequestStopScanning");
     ++count.stop_requests;
-    bool at_once = !cfg.faults.never_confirm_stop && cfg.faults.defer_stop_ms < 0;
-    if (!at_once && !cfg.faults.never_confirm_stop) {
+    bool at_once = !faults.never_confirm_stop && faults.defer_stop_ms < 0;
+    if (faults.never_confirm_stop) {
+        never_pending = true;
+        never_callback = callback;
+        never_context = context;
+    } else if (!at_once) {
         if (!stop_pending)
-            stop_deadline = Clock::now() + std::chrono::milliseconds(cfg.faults.defer_stop_ms);
+            stop_deadline = Clock::now() + std::chrono::milliseconds(faults.defer_stop_ms);
         stop_pending = true;
         stop_callback = callback;
         stop_context = context;
@@ -788,10 +817,10 @@ Render_params Sim_core::render_params(const Frame_settings& f) const
     return p;
 }
 
-bool Sim_core::still_ours(int index, bool self_filling) const
+bool Sim_core::still_ours(int index) const
 {
     Buffer_state state = buffers[index].state;
-    return self_filling ? state != Buffer_state::delivered : state == Buffer_state::armed;
+    return self_filling() ? state != Buffer_state::delivered : state == Buffer_state::armed;
 }
 
 // Waits, lock released, until @p t; a deferred stop that falls due meanwhile
@@ -820,8 +849,8 @@ void Sim_core::pause_until(std::unique_lock<std::mutex>& lock, Clock::time_point
 // mode: each strip follows the previous one after a real pause of
 // @p spacing. False when the buffer was taken back (or the instance shut
 // down) before the last strip: the rest of the frame is not written.
-bool Sim_core::read_out(std::unique_lock<std::mutex>& lock, int index, bool self_filling,
-                        Clock::time_point begin, Clock::duration spacing)
+bool Sim_core::read_out(std::unique_lock<std::mutex>& lock, int index, Clock::time_point begin,
+                        Clock::duration spacing)
 {
     const size_t width = model->width();
     const size_t height = model->height();
@@ -829,7 +858,7 @@ bool Sim_core::read_out(std::unique_lock<std::mutex>& lock, int index, bool self
     for (unsigned k = 0; k < kStrips; ++k) {
         if (k > 0)
             pause_until(lock, cfg.real_time ? begin + k * spacing : Clock::now() + spacing);
-        if (quit || !still_ours(index, self_filling))
+        if (quit || !still_ours(index))
             return false;
         publish_rows(dst, frame.data(), width, height, height * k / kStrips, height * (k + 1) / kStrips);
     }
@@ -839,7 +868,7 @@ bool Sim_core::read_out(std::unique_lock<std::mutex>& lock, int index, bool self
 void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame, Clock::duration period)
 {
     const Clock::time_point tick = Clock::now();
-    if (cfg.faults.stall_after != 0 && !stall_fired && count.frames_delivered >= cfg.faults.stall_after) {
+    if (faults.stall_after != 0 && !stall_fired && count.frames_delivered >= faults.stall_after) {
         stall_fired = is_stalled = true;
         stall_recovering = stopped_in_stall = false;
         model->set_stalled(true);
@@ -867,7 +896,6 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
     bool zero = zero_gate.next();
     bool twice = duplicate_gate.next();
     bool unknown = unknown_gate.next();
-    bool self_filling = cfg.capture_mode == 4 || cfg.capture_mode == 6;
     if (cfg.capture_mode == 6)
         --snapshots;
     Render_params params = render_params(settings);
@@ -907,7 +935,7 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
     // one burst, which would hide the frame's progress from a reader that
     // polls the buffer.
     const Clock::time_point readout_begin = step_frame ? tick : std::max(tick, Clock::now());
-    if (!read_out(lock, index, self_filling, readout_begin, spacing)) {
+    if (!read_out(lock, index, readout_begin, spacing)) {
         // Taken back while the frame was read out: the frame is lost.
         ++count.frames_missed;
         if (step_frame) {
@@ -929,8 +957,16 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
     std::vector<int> events;
     if (drop) {
         ++count.frames_dropped;
+    } else if (faults.hold_frames) {
+        buffer.state = Buffer_state::delivered;
+        buffer.held = true;
+        disarm(index);
+        ++count.frames_held;
+        trace.line("frame %llu held back in 0x%X", static_cast<unsigned long long>(record.number),
+                   unsigned(record.handle));
     } else {
         buffer.state = Buffer_state::delivered;
+        buffer.announced_frame = record.number;
         disarm(index);
         ++count.frames_delivered;
         events.push_back(record.handle);
@@ -951,13 +987,20 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
     void* context = vsync_context;
     if (callback)
         count.vsyncs += events.size();
+    const std::function<void(const std::function<void()>&)> guard = events.size() > 1 ? event_guard : nullptr;
 
     lock.unlock();
-    for (int handle : events) {
-        trace.line("vsync(0x%X) frame %llu", unsigned(handle), static_cast<unsigned long long>(record.number));
-        if (callback)
-            callback(handle, context);
-    }
+    const auto announce = [&] {
+        for (int handle : events) {
+            trace.line("vsync(0x%X) frame %llu", unsigned(handle), static_cast<unsigned long long>(record.number));
+            if (callback)
+                callback(handle, context);
+        }
+    };
+    if (guard)
+        guard(announce);
+    else
+        announce();
     lock.lock();
     if (step_frame)
         ++steps_done;
@@ -1106,14 +1149,142 @@ void Sim_core::set_scene_scale(double value)
     scene_scale = value;
 }
 
+bool Sim_core::buffer_at(const void* address, Buffer_view* out) const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    int i = index_at(address);
+    if (i < 0)
+        return false;
+    out->handle = pointers[i].handle;
+    out->state = buffers[i].state;
+    out->held = buffers[i].held;
+    out->announced_frame = buffers[i].announced_frame;
+    return true;
+}
+
+std::vector<unsigned char*> Sim_core::buffer_images() const
+{
+    std::vector<unsigned char*> images;
+    for (const IHwl::Image_buffer_pointers& p : pointers)
+        images.push_back(p.image);
+    return images;
+}
+
+Faults Sim_core::faults_now() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return faults;
+}
+
+void Sim_core::update_faults(const std::function<void(Faults&)>& change)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    change(faults);
+    drop_gate.retarget(faults.drop);
+    zero_gate.retarget(faults.zero_handle);
+    duplicate_gate.retarget(faults.duplicate);
+    unknown_gate.retarget(faults.unknown_handle);
+    storm_gate.retarget(faults.storm);
+    read_gate.retarget(faults.regfail_read);
+    write_gate.retarget(faults.regfail_write);
+    psoc_gate.retarget(faults.psocfail);
+    trace.line("faults changed");
+    wake.notify_all();
+}
+
+unsigned Sim_core::release_held_frames()
+{
+    std::vector<int> handles;
+    IHwl::Vsync_callback callback;
+    void* context;
+    {
+        std::lock_guard<std::mutex> hold(mutex);
+        callback = vsync;
+        context = vsync_context;
+        for (size_t i = 0; i < buffers.size(); ++i) {
+            Buffer& b = buffers[i];
+            if (!b.held)
+                continue;
+            b.held = false;
+            b.announced_frame = b.frame.number;
+            ++count.frames_delivered;
+            handles.push_back(pointers[i].handle);
+        }
+        if (callback)
+            count.vsyncs += handles.size();
+    }
+    for (int handle : handles) {
+        trace.line("vsync(0x%X) held frame released", unsigned(handle));
+        if (callback)
+            callback(handle, context);
+    }
+    return unsigned(handles.size());
+}
+
+unsigned Sim_core::lose_held_frames()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    unsigned n = 0;
+    for (size_t i = 0; i < buffers.size(); ++i) {
+        Buffer& b = buffers[i];
+        if (!b.held)
+            continue;
+        b.held = false;
+        if (self_filling()) {
+            b.state = Buffer_state::free;
+        } else {
+            b.state = Buffer_state::armed;
+            armed.push_back(int(i));
+        }
+        ++n;
+    }
+    trace.line("%u held frames lost", n);
+    wake.notify_all();
+    return n;
+}
+
+unsigned Sim_core::confirm_stop_now(bool also_never)
+{
+    std::vector<std::pair<IHwl::Stop_callback, void*>> due;
+    {
+        std::lock_guard<std::mutex> hold(mutex);
+        if (stop_pending) {
+            stop_pending = false;
+            due.emplace_back(stop_callback, stop_context);
+        }
+        if (also_never && never_pending) {
+            never_pending = false;
+            due.emplace_back(never_callback, never_context);
+        }
+        count.stop_confirmations += due.size();
+    }
+    for (const auto& d : due) {
+        trace.line("stop confirmed now: callback(%p)", d.second);
+        if (d.first)
+            d.first(d.second);
+    }
+    return unsigned(due.size());
+}
+
+bool Sim_core::stop_pending_now() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    return stop_pending;
+}
+
+void Sim_core::set_event_guard(std::function<void(const std::function<void()>&)> guard)
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    event_guard = std::move(guard);
+}
+
 bool Sim_core::frame_info(const void* address, struct vqxsim_frame_info* out) const
 {
     std::lock_guard<std::mutex> hold(mutex);
-    auto p = reinterpret_cast<uintptr_t>(address);
-    auto base = reinterpret_cast<uintptr_t>(memory.data());
-    if (p < base || p - base >= memory.size())
+    int i = index_at(address);
+    if (i < 0)
         return false;
-    const Buffer& b = buffers[(p - base) / frame.size()];
+    const Buffer& b = buffers[size_t(i)];
     if (!b.has_frame)
         return false;
     out->exposure_us = b.frame.exposure_us;

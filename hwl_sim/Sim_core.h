@@ -25,6 +25,14 @@
 // frame thread after the configured delay (or never). A second request
 // while one is pending replaces the callback and keeps the deadline.
 //
+// Faults may change while the instance runs (update_faults). With
+// hold_frames on, a filled buffer is delivered without its vsync (held);
+// release_held_frames announces the held frames late, lose_held_frames
+// forgets them (the buffer is free again where the transfer fills free
+// buffers itself, else armed again). A buffer that comes back (ReleaseBuffer,
+// or InitCapture of a filled one) while held loses its frame. A stop the
+// never_confirm_stop fault keeps can still be confirmed by confirm_stop_now.
+//
 // Stall: after Faults::stall_after delivered frames the transfer stalls
 // once: no frames, the frame counter stops, the status still shows
 // streaming with the PLL locked, 0x306A shows 0x0100. StopScanning then
@@ -141,6 +149,15 @@ public:
     uint64_t calls(const std::string& operation) const;
     void set_ambient(double ambient);
     void set_scene_scale(double scale);
+    bool buffer_at(const void* address, Buffer_view* out) const;
+    std::vector<unsigned char*> buffer_images() const;
+    Faults faults_now() const;
+    void update_faults(const std::function<void(Faults&)>& change);
+    unsigned release_held_frames();
+    unsigned lose_held_frames();
+    unsigned confirm_stop_now(bool also_never);
+    bool stop_pending_now() const;
+    void set_event_guard(std::function<void(const std::function<void()>&)> guard);
     /// Frame currently in the buffer holding @p address; false if none.
     bool frame_info(const void* address, struct vqxsim_frame_info* out) const;
     /// The same over every live instance.
@@ -152,6 +169,8 @@ private:
     struct Buffer {
         Buffer_state state = Buffer_state::free;
         bool has_frame = false;
+        bool held = false;             ///< filled, vsync held back (hold_frames)
+        uint64_t announced_frame = 0;  ///< the last frame announced from it
         Frame_record frame;  ///< the frame last put in it
     };
     struct Event {
@@ -164,6 +183,9 @@ private:
     void note(const char* operation);
     // Buffers (lock held).
     int index_of(int handle) const;
+    int index_at(const void* address) const;
+    void give_back(Buffer& buffer);
+    bool self_filling() const { return cfg.capture_mode == 4 || cfg.capture_mode == 6; }
     int pick_target() const;
     void disarm(int index);
     // Frame thread.
@@ -174,10 +196,9 @@ private:
     bool frame_possible(Clock::time_point now) const;
     Clock::time_point next_wake() const;
     void produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame, Clock::duration period);
-    bool still_ours(int index, bool self_filling) const;
+    bool still_ours(int index) const;
     void pause_until(std::unique_lock<std::mutex>& lock, Clock::time_point t);
-    bool read_out(std::unique_lock<std::mutex>& lock, int index, bool self_filling, Clock::time_point begin,
-                  Clock::duration spacing);
+    bool read_out(std::unique_lock<std::mutex>& lock, int index, Clock::time_point begin, Clock::duration spacing);
     void confirm_stop(std::unique_lock<std::mutex>& lock);
     Render_params render_params(const Frame_settings& f) const;
     Clock::duration frame_period(bool storm);
@@ -226,12 +247,17 @@ private:
     // Callbacks.
     IHwl::Vsync_callback vsync = nullptr;
     void* vsync_context = nullptr;
+    std::function<void(const std::function<void()>&)> event_guard;
     bool stop_pending = false;
     Clock::time_point stop_deadline;
     IHwl::Stop_callback stop_callback = nullptr;
     void* stop_context = nullptr;
+    bool never_pending = false;  ///< a stop the never_confirm_stop fault keeps
+    IHwl::Stop_callback never_callback = nullptr;
+    void* never_context = nullptr;
 
-    // Faults.
+    // Faults: the ones in force (Config::faults, changed by update_faults).
+    Faults faults;
     Fault_gate drop_gate, zero_gate, duplicate_gate, unknown_gate, storm_gate;
     Fault_gate read_gate, write_gate, psoc_gate;
     mutable std::mt19937_64 random;  ///< noise offsets and jitter (lock held)

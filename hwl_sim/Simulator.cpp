@@ -48,7 +48,21 @@ Counters Simulator::counters() const { return core->counters(); }
 std::vector<Frame_record> Simulator::frames() const { return core->frames(); }
 uint64_t Simulator::calls(const std::string& operation) const { return core->calls(operation); }
 
+bool Simulator::buffer_at(const void* address, Buffer_view* out) const { return core->buffer_at(address, out); }
+std::vector<unsigned char*> Simulator::buffer_images() const { return core->buffer_images(); }
+
 void Simulator::set_ambient(double ambient) { core->set_ambient(ambient); }
 void Simulator::set_scene_scale(double scale) { core->set_scene_scale(scale); }
+
+Faults Simulator::faults() const { return core->faults_now(); }
+void Simulator::update_faults(const std::function<void(Faults&)>& change) { core->update_faults(change); }
+unsigned Simulator::release_held_frames() { return core->release_held_frames(); }
+unsigned Simulator::lose_held_frames() { return core->lose_held_frames(); }
+unsigned Simulator::confirm_stop_now(bool also_never) { return core->confirm_stop_now(also_never); }
+bool Simulator::stop_pending() const { return core->stop_pending_now(); }
+void Simulator::set_event_guard(std::function<void(const std::function<void()>&)> guard)
+{
+    core->set_event_guard(std::move(guard));
+}
 
 }  // namespace vqxsim

@@ -38,6 +38,7 @@
 #define VQXSIM_SIMULATOR_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -96,9 +97,15 @@ struct VQXSIM_API Faults {
     unsigned first_frame_delay_ms = 0;  ///< extra delay of the first frame after streaming starts
     Trigger command_hang;    ///< MT9M114: a host command never completes (until a reset or power cycle)
     Trigger command_error;   ///< MT9M114: a host command completes with error status 0x0C (invalid)
+    /// The transfer holds every frame back: the frame fills its buffer but
+    /// no vsync comes, until Simulator::release_held_frames() announces the
+    /// frames late or Simulator::lose_held_frames() loses them.
+    bool hold_frames = false;
+    bool start_fail = false;  ///< StartScanning fails (the transfer does not start)
 
     /// Parses a comma list such as "drop=5,stall_after=20,regfail_write=0.01,
-    /// defer_stop=50,never_confirm_stop". False with a message on bad input.
+    /// defer_stop=50,never_confirm_stop,hold_frames,start_fail". False with a
+    /// message on bad input.
     bool parse(const std::string& text, std::string* error);
 };
 
@@ -175,7 +182,9 @@ struct Frame_record {
 struct Counters {
     uint64_t sensor_frames = 0;     ///< frames the sensor produced (frame counter steps)
     uint64_t frames_filled = 0;     ///< frames rendered into a buffer
-    uint64_t frames_delivered = 0;  ///< frames announced with their own handle
+    uint64_t frames_delivered = 0;  ///< frames announced with their own handle (held ones once released)
+    uint64_t frames_held = 0;       ///< frames whose vsync the hold_frames fault held back
+    uint64_t frames_returned = 0;   ///< announced frames whose buffer came back (ReleaseBuffer, InitCapture)
     uint64_t frames_dropped = 0;    ///< drop fault
     uint64_t frames_missed = 0;     ///< real time: no armed buffer, or it was released while rendering
     uint64_t vsyncs = 0;            ///< vsync callbacks made, fault events included
@@ -185,11 +194,20 @@ struct Counters {
     uint64_t stalls = 0;
     uint64_t stop_requests = 0;
     uint64_t stop_confirmations = 0;  ///< deferred stop callbacks made
+    uint64_t failed_starts = 0;       ///< StartScanning refused by the start_fail fault
     uint64_t register_read_failures = 0;   ///< injected and bad-argument failures
     uint64_t register_write_failures = 0;
     uint64_t psoc_failures = 0;
     uint64_t bad_captures = 0;  ///< InitCapture with a handle not in the array
     uint64_t bad_releases = 0;  ///< ReleaseBuffer with an unknown handle or of a free buffer
+};
+
+/// What a buffer holds (Simulator::buffer_at).
+struct Buffer_view {
+    int handle = 0;
+    Buffer_state state = Buffer_state::free;
+    bool held = false;               ///< filled, its vsync held back (hold_frames)
+    uint64_t announced_frame = 0;    ///< number of the last frame announced from it (0: none)
 };
 
 struct Psoc_write {
@@ -246,9 +264,38 @@ public:
     std::vector<Frame_record> frames() const;  ///< the latest 4096 frames that filled a buffer
     uint64_t calls(const std::string& operation) const;  ///< e.g. calls("InitCapture")
 
+    /// The buffer holding @p address (any address inside it); false when
+    /// the address is in no buffer.
+    bool buffer_at(const void* address, Buffer_view* out) const;
+    std::vector<unsigned char*> buffer_images() const;  ///< image addresses, in array order
+
     // Scene changes while running.
     void set_ambient(double ambient);
     void set_scene_scale(double scale);
+
+    // Faults while running. The fault counters of a trigger that @p change
+    // leaves as it was go on counting; a changed trigger starts anew.
+    Faults faults() const;
+    void update_faults(const std::function<void(Faults&)>& change);
+    /// Announces the frames the hold_frames fault held back, now, from the
+    /// calling thread (which must hold no lock a vsync callback takes).
+    /// Returns how many.
+    unsigned release_held_frames();
+    /// The frames held back are lost for good: where the transfer fills
+    /// free buffers on its own (capture modes 4 and 6) their buffers are
+    /// free again; elsewhere they stay armed and fill with a later frame.
+    /// Returns how many.
+    unsigned lose_held_frames();
+    /// Makes the pending deferred stop confirmation now, from the calling
+    /// thread; with @p also_never, also a stop that was never to be
+    /// confirmed. Returns how many callbacks were made.
+    unsigned confirm_stop_now(bool also_never = false);
+    bool stop_pending() const;  ///< a deferred stop confirmation is still to come
+    /// Runs the vsyncs of a frame that has extra events (duplicate, handle 0,
+    /// unknown handle) inside @p guard, so that a test holding the driver's
+    /// lock there sees them in one piece, as a doubled interrupt would come.
+    /// Set before frames flow.
+    void set_event_guard(std::function<void(const std::function<void()>&)> guard);
 
 private:
     explicit Simulator(std::unique_ptr<Sim_core> core);

@@ -194,3 +194,66 @@ TEST(SimFaults, StormRunsFramesTenTimesFaster)
     EXPECT_GE(median_period_us(""), 15000u) << "50 frames a second";
     EXPECT_LT(median_period_us("storm"), 3000u);
 }
+
+// Faults switched while frames flow: held frames are announced late or
+// lost (capture mode 0: armed again; mode 4: free again); a refused start
+// leaves the transfer stopped; a stop kept back is confirmed on demand; and
+// every announced frame is counted back when its buffer returns.
+TEST(SimFaults, RunTimeSwitches)
+{
+    for (uint32_t mode : {0u, 4u}) {
+        SCOPED_TRACE(mode);
+        vqxsim::Config c = step_config();
+        c.capture_mode = mode;
+        auto sim = make_sim(c);
+        IHwl& hwl = *sim->hwl();
+        Vsync_log log;
+        start_streaming(hwl, log);
+        const auto hold = [&](bool on) { sim->update_faults([on](vqxsim::Faults& f) { f.hold_frames = on; }); };
+        hold(true);
+        for (int i = 0; i < 2; ++i) {
+            if (mode == 0) {
+                EXPECT_TRUE(hwl.InitCapture(H0 + i));
+            }
+            EXPECT_EQ(1u, sim->step(1));
+        }
+        EXPECT_TRUE(log.take().empty());
+        vqxsim::Buffer_view view;
+        ASSERT_TRUE(sim->buffer_at(sim->buffer_images()[0] + 5, &view));
+        EXPECT_EQ(H0, view.handle);
+        EXPECT_TRUE(view.held);
+        EXPECT_EQ(0u, view.announced_frame);
+        hold(false);
+        EXPECT_EQ(2u, sim->release_held_frames());
+        EXPECT_EQ((std::vector<int>{H0, H0 + 1}), log.take());
+        ASSERT_TRUE(sim->buffer_at(sim->buffer_images()[1], &view));
+        EXPECT_EQ(2u, view.announced_frame);
+        hwl.ReleaseBuffer(H0);
+        EXPECT_TRUE(hwl.InitCapture(H0 + 1));  // re-armed: its frame came back too
+        EXPECT_EQ(2u, sim->counters().frames_returned);
+
+        hold(true);
+        EXPECT_EQ(1u, sim->step(1));
+        EXPECT_EQ(1u, sim->lose_held_frames());
+        EXPECT_EQ(0u, sim->release_held_frames());
+        EXPECT_EQ(mode == 0 ? 1u : 0u, sim->buffers_in(Buffer_state::armed));
+        EXPECT_EQ(0u, sim->buffers_in(Buffer_state::delivered));
+        const vqxsim::Counters n = sim->counters();
+        EXPECT_EQ((std::vector<uint64_t>{3, 2, 2}),
+                  (std::vector<uint64_t>{n.frames_held, n.frames_delivered, n.frames_returned}));
+
+        sim->update_faults([](vqxsim::Faults& f) {
+            f.start_fail = true;
+            f.never_confirm_stop = true;
+        });
+        EXPECT_TRUE(hwl.StopScanning());
+        EXPECT_FALSE(hwl.StartScanning());
+        EXPECT_FALSE(sim->transfer_started());
+        int confirmed = 0;
+        EXPECT_FALSE(hwl.RequestStopScanning([](void* c) { ++*static_cast<int*>(c); }, &confirmed));
+        EXPECT_FALSE(sim->stop_pending());
+        EXPECT_EQ(0u, sim->confirm_stop_now());
+        EXPECT_EQ(1u, sim->confirm_stop_now(true));
+        EXPECT_EQ(1, confirmed);
+    }
+}
