@@ -1,7 +1,7 @@
 // libFuzzer target: an input is a sequence of calls of the exported
-// interface and of hardware faults, run against the simulated engine behind
-// a Fault_hwl; after every call and at the end of the input the driver's
-// invariants must hold.
+// interface and of hardware faults, run against the simulated engine (whose
+// faults the input switches while the driver runs); after every call and at
+// the end of the input the driver's invariants must hold.
 //
 // Input format: one byte selects an operation (byte % operation count); the
 // operation reads its arguments from the bytes that follow (0 once the input
@@ -40,7 +40,7 @@
 #include <VQXScanInterface.h>
 
 #include "Driver_invariants.h"
-#include "Fault_hwl.h"
+#include "Frame_ledger.h"
 #include "Sim_client.h"
 #include "scan_session.h"
 
@@ -55,7 +55,7 @@ constexpr unsigned kEndBoundMs = 2000 + 2000 + 2000;
 
 struct Engine {
     vqxsim::Simulator* sim = nullptr;
-    robust::Fault_hwl* hwl = nullptr;
+    Frame_ledger* ledger = nullptr;
     std::string faults;  // empty: all
     std::atomic<bool> pumping{false};
     std::atomic<bool> in_input{false};  ///< an input is running (not at exit)
@@ -80,12 +80,13 @@ Engine& engine()
         c.buffers = 4;
         c.real_time = false;
         c.render = vqxsim::Render_mode::none;
+        c.seed = 42;
         made->sim = sim_client::kept_simulator(c);
-        made->hwl = new robust::Fault_hwl(*made->sim->hwl(), 42);
-        made->hwl->event_guard = robust::with_driver_monitor;
+        made->sim->set_event_guard(robust::with_driver_monitor);
+        made->ledger = new Frame_ledger(*made->sim);
         if (const char* f = std::getenv("VQX_FUZZ_FAULTS"))
             made->faults = f;
-        vqxsim::set_instance_for_InitHWLayer(made->hwl);
+        vqxsim::set_instance_for_InitHWLayer(made->sim->hwl());
         made->pump = std::thread([made] {
             while (!made->quit) {
                 // Captures still armed when a stream stops complete, as on
@@ -139,7 +140,7 @@ struct Held {
 
 class Run {
 public:
-    explicit Run(Engine& e) : eng(e), hwl(*e.hwl) {}
+    explicit Run(Engine& e) : eng(e), sim(*e.sim), ledger(*e.ledger) {}
 
     void execute(Input& in)
     {
@@ -175,8 +176,8 @@ private:
         case 14: fault(in); break;
         case 15: wait(in); break;
         case 16: null_handle(in); break;
-        case 17: hwl.confirm_stops(); break;
-        default: hwl.release_stalled(); break;
+        case 17: sim.confirm_stop_now(); break;
+        default: sim.release_held_frames(); break;
         }
     }
 
@@ -245,8 +246,8 @@ private:
         }
         if (!frame)
             return;
-        if (!hwl.mark_handed(frame))
-            violated("hand-out: " + hwl.accounting().first_mark_error);
+        if (!ledger.mark_handed(frame))
+            violated("hand-out: " + ledger.first_error());
         held.push_back({frame, epoch});
     }
 
@@ -274,7 +275,7 @@ private:
         int local = 0;
         const unsigned what = in.byte() % 4;
         void* p = nullptr;
-        std::vector<unsigned char*> buffers = hwl.buffer_addresses();
+        std::vector<unsigned char*> buffers = sim.buffer_images();
         if (what == 0)
             p = &local;
         else if (what == 1 && !buffers.empty())
@@ -297,28 +298,25 @@ private:
         // that the frame triggers is confirmed only once the call returned:
         // a stop completed before the client took the frame discards it
         // with the stream (known defect) and the call would wait 30 s.
-        if (!h || hwl.stall || hwl.start_fail || hwl.stop_mode == robust::Fault_hwl::Stop_mode::never)
+        const vqxsim::Faults before = sim.faults();
+        if (!h || before.hold_frames || before.start_fail || before.never_confirm_stop)
             return;
         if (robust::snapshot().scanning_count != 0)
             return;
         ++epoch;
-        const robust::Fault_hwl::Stop_mode mode = hwl.stop_mode;
-        const unsigned defer = hwl.defer_ms;
-        hwl.stop_mode = robust::Fault_hwl::Stop_mode::deferred;
-        hwl.defer_ms = 3600 * 1000;
+        sim.update_faults([](vqxsim::Faults& f) { f.defer_stop_ms = 3600 * 1000; });
         eng.pumping = true;
         const auto t0 = Clock::now();
         void* frame = VQXSI_GetSingleFrame(h);
         eng.pumping = false;
-        hwl.confirm_stops();
-        hwl.stop_mode = mode;
-        hwl.defer_ms = defer;
+        sim.confirm_stop_now();
+        sim.update_faults([&before](vqxsim::Faults& f) { f.defer_stop_ms = before.defer_stop_ms; });
         if (Clock::now() - t0 > std::chrono::seconds(10))
             violated("VQXSI_GetSingleFrame waited more than 10 s for a stream that delivers frames");
         if (!frame)
             return;
-        if (!hwl.mark_handed(frame))
-            violated("single frame hand-out: " + hwl.accounting().first_mark_error);
+        if (!ledger.mark_handed(frame))
+            violated("single frame hand-out: " + ledger.first_error());
         held.push_back({frame, epoch});
     }
 
@@ -404,20 +402,28 @@ private:
 
     void fault(Input& in)
     {
-        using Mode = robust::Fault_hwl::Stop_mode;
-        const double p = (in.byte() % 5) * 0.25;
-        switch (in.byte() % 10) {
-        case 0: if (eng.fault("drop")) hwl.p_drop = p; break;
-        case 1: if (eng.fault("duplicate")) hwl.p_duplicate = p; break;
-        case 2: if (eng.fault("zero")) hwl.p_zero = p; break;
-        case 3: if (eng.fault("unknown")) hwl.p_unknown = p; break;
-        case 4: if (eng.fault("regfail")) hwl.p_write_fail = p; break;
-        case 5: if (eng.fault("stall")) hwl.stall = !hwl.stall; break;
-        case 6: if (eng.fault("defer")) { hwl.stop_mode = Mode::deferred; hwl.defer_ms = in.byte() % 20; } break;
-        case 7: if (eng.fault("never")) hwl.stop_mode = Mode::never; break;
-        case 8: hwl.stop_mode = Mode::at_once; break;
-        default: if (eng.fault("startfail")) hwl.start_fail = !hwl.start_fail; break;
-        }
+        using vqxsim::Faults;
+        const vqxsim::Trigger p = vqxsim::Trigger::with_probability((in.byte() % 5) * 0.25);
+        const unsigned kind = in.byte() % 10;
+        const int defer_ms = in.byte() % 20;
+        static const char* const names[] = {"drop", "duplicate", "zero", "unknown", "regfail",
+                                            "stall", "defer", "never", "", "startfail"};
+        if (*names[kind] && !eng.fault(names[kind]))
+            return;
+        sim.update_faults([&](Faults& f) {
+            switch (kind) {
+            case 0: f.drop = p; break;
+            case 1: f.duplicate = p; break;
+            case 2: f.zero_handle = p; break;
+            case 3: f.unknown_handle = p; break;
+            case 4: f.regfail_write = p; break;
+            case 5: f.hold_frames = !f.hold_frames; break;
+            case 6: f.defer_stop_ms = defer_ms; f.never_confirm_stop = false; break;
+            case 7: f.never_confirm_stop = true; break;
+            case 8: f.defer_stop_ms = -1; f.never_confirm_stop = false; break;
+            default: f.start_fail = !f.start_fail; break;
+            }
+        });
     }
 
     void wait(Input& in)
@@ -452,11 +458,12 @@ private:
 
     void finish()
     {
-        hwl.clear_faults();
-        hwl.stop_mode = robust::Fault_hwl::Stop_mode::deferred;
-        hwl.defer_ms = 1;
-        hwl.release_stalled();
-        hwl.confirm_stops(true);
+        sim.update_faults([](vqxsim::Faults& f) {
+            f = vqxsim::Faults{};
+            f.defer_stop_ms = 1;
+        });
+        sim.release_held_frames();
+        sim.confirm_stop_now(true);
         for (const Held& item : held)
             for (VQXSI_HANDLE h : slots)
                 if (h) {
@@ -473,10 +480,11 @@ private:
         const auto deadline = Clock::now() + std::chrono::milliseconds(kEndBoundMs);
         std::string problem;
         for (;;) {
-            hwl.confirm_stops(true);
+            sim.confirm_stop_now(true);
             problem = robust::check_all_closed(robust::snapshot());
-            if (problem.empty() && hwl.buffers_out() != 0)
-                problem = std::to_string(hwl.buffers_out()) + " buffers not back with the hardware layer";
+            const unsigned out = sim.buffers_in(vqxsim::Buffer_state::armed) + sim.buffers_in(vqxsim::Buffer_state::delivered);
+            if (problem.empty() && out != 0)
+                problem = std::to_string(out) + " buffers armed or filled, not back with the hardware layer";
             if (problem.empty() || Clock::now() > deadline)
                 break;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -484,17 +492,16 @@ private:
         eng.pumping = false;
         if (!problem.empty())
             violated("after the last close: " + problem);
-        const auto a = hwl.accounting();
-        if (a.lives_begun != a.lives_ended)
+        const vqxsim::Counters n = sim.counters();
+        if (n.frames_delivered != n.frames_returned)
             violated("a delivered frame never went back to the hardware layer");
-        if (a.mark_errors != 0)
-            violated("hand-out: " + a.first_mark_error);
-        if (eng.sim->buffers_in(vqxsim::Buffer_state::armed) + eng.sim->buffers_in(vqxsim::Buffer_state::delivered) != 0)
-            violated("simulator buffers still armed or filled");
+        if (ledger.errors() != 0)
+            violated("hand-out: " + ledger.first_error());
     }
 
     Engine& eng;
-    robust::Fault_hwl& hwl;
+    vqxsim::Simulator& sim;
+    Frame_ledger& ledger;
     VQXSI_HANDLE slots[kSlots] = {};
     std::vector<Held> held;
     uint64_t epoch = 0;

@@ -33,7 +33,7 @@ TEST_F(Misuse_test, GetNewScan)
     for (int i = 0; i < 10; ++i) {
         frame = VQXSI_GetNewScan(s);
         ASSERT_NE(frame, nullptr);
-        EXPECT_TRUE(hwl().mark_handed(frame));
+        EXPECT_TRUE(ledger().mark_handed(frame));
         EXPECT_EQ(VQXSI_UnlockBuffer(s, frame), 1);
     }
 
@@ -51,7 +51,7 @@ TEST_F(Misuse_test, GetNewScanGivesUpOnAStalledStream)
 
     // Frames stop after having flowed: the waiting client is released by the
     // stall alarm (2000 ms after the last frame), not by the 30 s time-out.
-    hwl().stall = true;
+    hold_frames(true);
     const auto start = std::chrono::steady_clock::now();
     void* got = nullptr;
     for (int i = 0; i < 10 && (got = VQXSI_GetNewScan(s)) != nullptr; ++i)
@@ -65,7 +65,7 @@ TEST_F(Misuse_test, GetNewScanGivesUpOnAStalledStream)
     EXPECT_LT(elapsed_ms(again), 1000);
 
     // Stop and start recover.
-    hwl().stall = false;
+    hold_frames(false);
     ASSERT_EQ(VQXSI_StopScanning(s), 1);
     frame = first_frame(s);
     EXPECT_NE(frame, nullptr);
@@ -78,12 +78,12 @@ TEST_F(Misuse_test, GetNewScanGivesUpOnAStalledStream)
     // last scan's stream must have stopped first, so that this scan starts
     // a new one.
     ASSERT_TRUE(wait_until([] { return snapshot().stream == IStream_driver::STOPPED; }));
-    hwl().stall = true;
+    hold_frames(true);
     const uint64_t transfers = sim().calls("StartScanning");
     ASSERT_EQ(VQXSI_StartScanning(s), 1);
     EXPECT_EQ(VQXSI_GetNewScan(s), nullptr);
     EXPECT_EQ(sim().calls("StartScanning") - transfers, 2u) << "the scan's start and the last try's restart";
-    hwl().stall = false;
+    hold_frames(false);
 }
 
 TEST_F(Misuse_test, GetNewScanWhileClientsHoldAllButOneBuffer)
@@ -142,7 +142,7 @@ TEST_F(Misuse_test, UnlockBuffer)
 
     // Addresses that are no frame: null, the stack, inside a frame, one past
     // the last buffer. Nothing changes, errno is untouched.
-    std::vector<unsigned char*> buffers = hwl().buffer_addresses();
+    std::vector<unsigned char*> buffers = sim().buffer_images();
     ASSERT_FALSE(buffers.empty());
     const size_t frame_bytes = size_t(sim().hwl()->GetScanWidth()) * sim().hwl()->GetScanHeight();
     void* not_frames[] = {nullptr, &local, static_cast<unsigned char*>(frame) + 1,

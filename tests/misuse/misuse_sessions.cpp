@@ -51,7 +51,7 @@ TEST_F(Misuse_test, CloseWhileAnotherThreadWaitsForAFrame)
 {
     VQXSI_HANDLE h = VQXSI_OpenSessionWithScanEngine();
     ASSERT_NE(h, nullptr);
-    hwl().stall = true;  // no frame will come
+    hold_frames(true);  // no frame will come
     ASSERT_EQ(VQXSI_StartScanning(h), 1);
 
     void* result = &result;
@@ -66,7 +66,7 @@ TEST_F(Misuse_test, CloseWhileAnotherThreadWaitsForAFrame)
     // The waiter gives up on the stall (retries after the first trigger,
     // well under the 30 s wait), and the close follows it.
     EXPECT_LT(closed_after, 15000);
-    hwl().stall = false;
+    hold_frames(false);
 }
 
 TEST_F(Misuse_test, StartAndStop)
@@ -106,26 +106,26 @@ TEST_F(Misuse_test, StopsConfirmedLateOrNever)
     Session s;
     // Confirmation held back until the test makes it: the stop returns at
     // once and the next start waits for the stop to finish.
-    hwl().defer_ms = 60000;
+    confirm_stops_after(60000);
     ASSERT_NE(first_frame(s), nullptr);
     EXPECT_EQ(VQXSI_StopScanning(s), 1);
     std::thread confirm([] {
-        wait_until([] { return hwl().stops_pending() > 0; });
+        wait_until([] { return sim().stop_pending(); });
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        hwl().confirm_stops();
+        sim().confirm_stop_now();
     });
     ASSERT_EQ(VQXSI_StartScanning(s), 1);
     confirm.join();
     void* frame = VQXSI_GetNewScan(s);
     ASSERT_NE(frame, nullptr) << "the scan after a late stop delivers frames";
     EXPECT_EQ(VQXSI_UnlockBuffer(s, frame), 1);
-    hwl().defer_ms = 5;
+    confirm_stops_after(5);
     EXPECT_EQ(VQXSI_StopScanning(s), 1);
 
     // Never confirmed: stop returns at once; close waits for the stream at
     // most its 2000 ms stop bound (plus the power-down), and the stream ends
     // by its stall alarm, giving every buffer back.
-    hwl().stop_mode = robust::Fault_hwl::Stop_mode::never;
+    confirm_stops_after(5, true);
     ASSERT_NE(first_frame(s), nullptr);
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(VQXSI_StopScanning(s), 1);
@@ -142,10 +142,10 @@ TEST_F(Misuse_test, GetSingleFrame)
     // The stop the single image triggers is confirmed once the call has
     // returned (a stop completed before the client took the frame is
     // another test's subject).
-    hwl().defer_ms = 3600 * 1000;
+    confirm_stops_after(3600 * 1000);
     Session s;
     void* frame = VQXSI_GetSingleFrame(s);
-    hwl().confirm_stops();
+    sim().confirm_stop_now();
     ASSERT_NE(frame, nullptr);
     EXPECT_EQ(scan_locks(s), 2u) << "the start's lock and the extra one";
     EXPECT_EQ(VQXSI_StopScanning(s), 1);
@@ -157,7 +157,7 @@ TEST_F(Misuse_test, GetSingleFrame)
 
     // A second single frame on the same session: another extra lock.
     frame = VQXSI_GetSingleFrame(s);
-    hwl().confirm_stops();
+    sim().confirm_stop_now();
     ASSERT_NE(frame, nullptr);
     EXPECT_EQ(VQXSI_StopScanning(s), 1);
     EXPECT_EQ(scan_locks(s), 2u);
@@ -168,7 +168,7 @@ TEST_F(Misuse_test, GetSingleFrameWithAStopConfirmedAtOnce)
 {
     // Hardware that completes a stop at once (the interface's default): the
     // single image must still reach the client.
-    hwl().stop_mode = robust::Fault_hwl::Stop_mode::at_once;
+    confirm_stops_after(-1);
     Session s;
     const auto start = std::chrono::steady_clock::now();
     void* frame = VQXSI_GetSingleFrame(s);
@@ -180,13 +180,13 @@ TEST_F(Misuse_test, GetSingleFrameWithAStopConfirmedAtOnce)
 TEST_F(Misuse_test, GetSingleFrameOnAnEngineThatCannotStart)
 {
     Session s;
-    hwl().start_fail = true;
+    fail_starts(true);
     // The engine refuses to stream. The session's start is still recorded
     // (the power state manager tries the stream again at its next check), so
     // the call succeeds, but no frame is coming: a client asking for one is
     // answered at once, not after the 30 s frame time-out.
     EXPECT_ERRNO_KEPT(VQXSI_StartScanning(s), 1);
-    EXPECT_GT(hwl().accounting().failed_starts, 0u);
+    EXPECT_GT(sim().counters().failed_starts, 0u);
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(VQXSI_GetNewScan(s), nullptr);
     EXPECT_LT(elapsed_ms(start), 10000);
@@ -200,7 +200,7 @@ TEST_F(Misuse_test, GetSingleFrameOnAnEngineThatCannotStart)
     EXPECT_EQ(scan_locks(s), before + 1);
     EXPECT_EQ(VQXSI_StopScanning(s), 1);
 
-    hwl().start_fail = false;
+    fail_starts(false);
     EXPECT_TRUE(frames_flow(s)) << "the session works once the engine starts";
 }
 

@@ -1,12 +1,13 @@
 // Support for the misuse suite: the exported functions called the wrong way
-// on the simulated engine, behind a Fault_hwl so that a test can stall the
-// stream, fail the engine's start or hold back stop confirmations.
+// on the simulated engine, whose faults a test switches while the driver
+// runs: hold frames back, fail the engine's start, hold back stop
+// confirmations.
 //
 // The program links the static driver core, so that a test can look at the
 // driver's records (buffer census, counts, power) after each misuse. One
-// simulator and one Fault_hwl serve the whole program (the driver keeps the
-// hardware layer it started with); both live until the process exits, and
-// the simulator's frame thread is stopped once every test has run.
+// simulator serves the whole program (the driver keeps the hardware layer
+// it started with); it lives until the process exits, and its frame thread
+// is stopped once every test has run.
 #ifndef VQX_TESTS_MISUSE_SUPPORT_H
 #define VQX_TESTS_MISUSE_SUPPORT_H
 
@@ -15,7 +16,7 @@
 #include <cerrno>
 
 #include "Driver_invariants.h"
-#include "Fault_hwl.h"
+#include "Frame_ledger.h"
 #include "Sim_client.h"
 
 namespace misuse {
@@ -32,28 +33,41 @@ inline vqxsim::Simulator& sim()
         config.fps = 200.0;
         config.buffers = 4;
         config.render = vqxsim::Render_mode::none;
-        return sim_client::kept_simulator(config);
+        config.seed = 7;
+        vqxsim::Simulator* made = sim_client::kept_simulator(config);
+        vqxsim::set_instance_for_InitHWLayer(made->hwl());
+        return made;
     }();
     return *instance;
 }
 
-inline robust::Fault_hwl& hwl()
+/// The frames handed to clients.
+inline Frame_ledger& ledger()
 {
-    static robust::Fault_hwl* const instance = [] {
-        auto* layer = new robust::Fault_hwl(*sim().hwl(), 7);  // kept, like the simulator
-        vqxsim::set_instance_for_InitHWLayer(layer);
-        return layer;
-    }();
+    static Frame_ledger* const instance = new Frame_ledger(sim());  // kept, like the simulator
     return *instance;
+}
+
+/// Fault switches of the simulated engine.
+inline void hold_frames(bool on) { sim().update_faults([on](vqxsim::Faults& f) { f.hold_frames = on; }); }
+inline void fail_starts(bool on) { sim().update_faults([on](vqxsim::Faults& f) { f.start_fail = on; }); }
+/// Stop confirmations @p ms late (-1: at once; never: never).
+inline void confirm_stops_after(int ms, bool never = false)
+{
+    sim().update_faults([ms, never](vqxsim::Faults& f) {
+        f.defer_stop_ms = ms;
+        f.never_confirm_stop = never;
+    });
+}
+/// Buffers the simulator has armed or filled for the driver.
+inline unsigned buffers_out()
+{
+    return sim().buffers_in(vqxsim::Buffer_state::armed) + sim().buffers_in(vqxsim::Buffer_state::delivered);
 }
 
 // Stops frames and stop confirmations once every test has run.
 struct Stop_frames : testing::Environment {
-    void TearDown() override
-    {
-        sim().shutdown();
-        hwl().shutdown();
-    }
+    void TearDown() override { sim().shutdown(); }
 };
 inline testing::Environment* const stop_frames = testing::AddGlobalTestEnvironment(new Stop_frames);
 
@@ -93,30 +107,37 @@ class Misuse_test : public testing::Test {
 protected:
     void SetUp() override
     {
-        hwl().clear_faults();
-        hwl().stop_mode = robust::Fault_hwl::Stop_mode::deferred;
-        hwl().defer_ms = 5;
+        clear_faults();
     }
     void TearDown() override
     {
-        hwl().clear_faults();
-        hwl().confirm_stops();
-        // A transfer a test stalled recovers now, and an engine left in
+        clear_faults();
+        sim().confirm_stop_now(true);
+        // Frames a test held back are announced now, and an engine left in
         // standby is woken behind the driver's back, so that a stream stopped
-        // while stalled can finish its stop and a failed test does not leave
+        // meanwhile can finish its stop and a failed test does not leave
         // the next one an engine that cannot deliver frames.
-        hwl().release_stalled();
+        sim().release_held_frames();
         if (sim().standby())
             sim().hwl()->ImagerPowerUp();
         std::string problem;
         const bool idle = wait_until([&] {
             problem = robust::check_all_closed(robust::snapshot());
-            return problem.empty() && hwl().buffers_out() == 0;
+            return problem.empty() && buffers_out() == 0;
         });
-        EXPECT_TRUE(idle) << problem << " buffers out at the hardware layer: " << hwl().buffers_out();
-        const auto a = hwl().accounting();
-        EXPECT_EQ(a.mark_errors, 0u) << a.first_mark_error;
-        EXPECT_EQ(a.lives_begun, a.lives_ended) << "a frame never went back to the hardware layer";
+        EXPECT_TRUE(idle) << problem << " buffers out at the hardware layer: " << buffers_out();
+        EXPECT_EQ(ledger().errors(), 0u) << ledger().first_error();
+        const vqxsim::Counters n = sim().counters();
+        EXPECT_EQ(n.frames_delivered, n.frames_returned) << "a frame never went back to the hardware layer";
+    }
+    // Every fault off; stops confirmed 5 ms late, as the real transfer
+    // hardware does.
+    static void clear_faults()
+    {
+        sim().update_faults([](vqxsim::Faults& f) {
+            f = vqxsim::Faults{};
+            f.defer_stop_ms = 5;
+        });
     }
 };
 
@@ -129,7 +150,7 @@ inline void* first_frame(VQXSI_HANDLE h)
         return nullptr;
     void* frame = VQXSI_GetNewScan(h);
     if (frame)
-        hwl().mark_handed(frame);
+        ledger().mark_handed(frame);
     return frame;
 }
 

@@ -33,7 +33,7 @@
 #include <VQXScanInterface.h>
 
 #include "Driver_invariants.h"
-#include "Fault_hwl.h"
+#include "Frame_ledger.h"
 #include "Sim_client.h"
 #include "scan_session.h"
 
@@ -116,14 +116,20 @@ private:
 
     // Scheduling.
     void plan_phase(std::mt19937_64& rng);
+    bool holding() const { return sim->faults().hold_frames; }
+    void hold(bool on) { sim->update_faults([on](vqxsim::Faults& f) { f.hold_frames = on; }); }
     void end_stall(bool recovers)
     {
-        hwl->stall = false;
+        hold(false);
         stall_since = -1;
         if (recovers)
-            hwl->release_stalled();
+            sim->release_held_frames();
         else
-            hwl->lose_stalled();
+            sim->lose_held_frames();
+    }
+    unsigned sim_buffers_out() const
+    {
+        return sim->buffers_in(vqxsim::Buffer_state::armed) + sim->buffers_in(vqxsim::Buffer_state::delivered);
     }
     void quiet_point();
 
@@ -156,7 +162,7 @@ private:
     std::mutex closed_mutex;
     std::vector<VQXSI_HANDLE> closed;     ///< handles of sessions closed by reopens
     vqxsim::Simulator* sim = nullptr;
-    robust::Fault_hwl* hwl = nullptr;
+    Frame_ledger* ledger = nullptr;
 
     std::vector<Slot> slots;
     std::vector<Client_state> clients;
@@ -198,7 +204,7 @@ Load::Load(const Options& o) : opt(o), slots(o.sessions), clients(o.threads)
 void Load::build_engine()
 {
     static vqxsim::Simulator* shared_sim = nullptr;
-    static robust::Fault_hwl* shared_hwl = nullptr;
+    static Frame_ledger* shared_ledger = nullptr;
     if (!shared_sim) {
         vqxsim::Config c;
         c.engine = "X7710";
@@ -213,22 +219,26 @@ void Load::build_engine()
             c.faults.storm = vqxsim::Trigger::with_probability(0.1);
         if (opt.fault("hwstall"))
             c.faults.stall_after = 150 + opt.seed % 100;
+        const vqxsim::Trigger p = vqxsim::Trigger::with_probability(0.02);
+        if (opt.fault("drop"))
+            c.faults.drop = p;
+        if (opt.fault("duplicate"))
+            c.faults.duplicate = p;
+        if (opt.fault("zero"))
+            c.faults.zero_handle = p;
+        if (opt.fault("unknown"))
+            c.faults.unknown_handle = p;
+        if (opt.fault("regfail"))
+            c.faults.regfail_write = vqxsim::Trigger::with_probability(0.01);
         // Both live until the process exits: the driver keeps its hardware
         // layer for good.
         shared_sim = sim_client::kept_simulator(c);
-        shared_hwl = new robust::Fault_hwl(*shared_sim->hwl(), opt.seed * 7919 + 1);
-        shared_hwl->event_guard = robust::with_driver_monitor;
-        vqxsim::set_instance_for_InitHWLayer(shared_hwl);
+        shared_sim->set_event_guard(robust::with_driver_monitor);
+        shared_ledger = new Frame_ledger(*shared_sim);
+        vqxsim::set_instance_for_InitHWLayer(shared_sim->hwl());
     }
     sim = shared_sim;
-    hwl = shared_hwl;
-    hwl->self_filling = opt.capture_mode == 4 || opt.capture_mode == 6;
-    const double p = 0.02;
-    hwl->p_drop = opt.fault("drop") ? p : 0.0;
-    hwl->p_duplicate = opt.fault("duplicate") ? p : 0.0;
-    hwl->p_zero = opt.fault("zero") ? p : 0.0;
-    hwl->p_unknown = opt.fault("unknown") ? p : 0.0;
-    hwl->p_write_fail = opt.fault("regfail") ? 0.01 : 0.0;
+    ledger = shared_ledger;
 }
 
 void Load::fail(const std::string& what)
@@ -272,11 +282,11 @@ void Load::watchdog_failure(const std::string& what)
                      static_cast<unsigned long long>(c.calls.load()));
     }
     std::fprintf(stderr, "  driver: %s\n", driver_state_or_deadlock().c_str());
-    const auto a = hwl->accounting();
-    std::fprintf(stderr, "  hardware layer: %u buffers out, stall %s, %zu stop confirmations pending\n",
-                 hwl->buffers_out(), hwl->stall ? "on" : "off", hwl->stops_pending());
-    std::fprintf(stderr, "  frames: %llu begun, %llu ended\n", static_cast<unsigned long long>(a.lives_begun),
-                 static_cast<unsigned long long>(a.lives_ended));
+    const vqxsim::Counters n = sim->counters();
+    std::fprintf(stderr, "  hardware layer: %u buffers out, frames held %s, stop confirmation %s\n",
+                 sim_buffers_out(), holding() ? "on" : "off", sim->stop_pending() ? "pending" : "not pending");
+    std::fprintf(stderr, "  frames: %llu delivered, %llu returned\n",
+                 static_cast<unsigned long long>(n.frames_delivered), static_cast<unsigned long long>(n.frames_returned));
     std::fflush(stderr);
     std::_Exit(3);
 }
@@ -339,8 +349,8 @@ std::string Load::liveness_probe()
             return "liveness probe: VQXSI_StartScanning failed";
         void* frame = VQXSI_GetNewScan(s.handle);
         if (frame) {
-            if (!hwl->mark_handed(frame))
-                return "liveness probe hand-out: " + hwl->accounting().first_mark_error;
+            if (!ledger->mark_handed(frame))
+                return "liveness probe hand-out: " + ledger->first_error();
             ++count.handed_certain;
             VQXSI_UnlockBuffer(s.handle, frame);
         }
@@ -359,14 +369,13 @@ std::string Load::quiet_check(const char* where)
     // alarm). A frame the engine was reading out when its transfer stopped
     // still arrives (where the engine fills buffers on its own) and goes
     // straight back, so the simulator's buffers are waited for too.
-    const auto sim_buffers_out = [this] {
-        return sim->buffers_in(vqxsim::Buffer_state::armed) + sim->buffers_in(vqxsim::Buffer_state::delivered);
-    };
     const auto deadline = Clock::now() + std::chrono::milliseconds(kQuietStopBound);
+    const auto all_back = [this] {
+        const vqxsim::Counters n = sim->counters();
+        return sim_buffers_out() == 0 && n.frames_delivered == n.frames_returned;
+    };
     robust::Driver_snapshot s = robust::snapshot();
-    while (Clock::now() < deadline &&
-           (s.stream != IStream_driver::STOPPED || hwl->buffers_out() != 0 || sim_buffers_out() != 0 ||
-            hwl->accounting().lives_begun != hwl->accounting().lives_ended)) {
+    while (Clock::now() < deadline && (s.stream != IStream_driver::STOPPED || !all_back())) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
         s = robust::snapshot();
     }
@@ -379,21 +388,20 @@ std::string Load::quiet_check(const char* where)
         e += "scanning count not zero; ";
     if (s.buffers.free != s.buffers.total)
         e += "a buffer is not free after every client gave its frames back; ";
-    if (hwl->buffers_out() != 0)
-        e += std::to_string(hwl->buffers_out()) + " buffers not back with the hardware layer; ";
     const unsigned sim_out = sim_buffers_out();
     if (sim_out != 0)
-        e += std::to_string(sim_out) + " simulator buffers armed or filled; ";
-    const auto a = hwl->accounting();
-    if (a.lives_begun != a.lives_ended)
-        e += "frames delivered " + std::to_string(a.lives_begun) + " but " + std::to_string(a.lives_ended) +
-             " came back; ";
-    if (a.mark_errors != 0)
-        e += "frame hand-out error: " + a.first_mark_error + "; ";
-    if (a.lives_marked != count.handed_certain)
-        e += "frames received " + std::to_string(count.handed_certain) + " but " +
-             std::to_string(a.lives_marked) + " recorded; ";
-    if (a.ended_unmarked < count.handed_uncertain)
+        e += std::to_string(sim_out) + " buffers armed or filled, not back with the hardware layer; ";
+    const vqxsim::Counters n = sim->counters();
+    if (n.frames_delivered != n.frames_returned)
+        e += "frames delivered " + std::to_string(n.frames_delivered) + " but " +
+             std::to_string(n.frames_returned) + " came back; ";
+    if (ledger->errors() != 0)
+        e += "frame hand-out error: " + ledger->first_error() + "; ";
+    const uint64_t marked = ledger->marked();
+    if (marked != count.handed_certain)
+        e += "frames received " + std::to_string(count.handed_certain) + " but " + std::to_string(marked) +
+             " recorded; ";
+    if (n.frames_returned < marked || n.frames_returned - marked < count.handed_uncertain)
         e += "more frames handed out than delivered; ";
     if (e.empty())
         return e;
@@ -414,7 +422,7 @@ std::string Load::final_check()
     }
     if (!e.empty())
         return "after the last close: " + e;
-    if (hwl->buffers_out() != 0)
+    if (sim_buffers_out() != 0)
         return "after the last close: buffers not back with the hardware layer";
     return quiet_check("after the last close");
 }
@@ -425,20 +433,19 @@ std::string Load::final_check()
 
 void Load::plan_phase(std::mt19937_64& rng)
 {
-    using Mode = robust::Fault_hwl::Stop_mode;
     const double r = std::uniform_real_distribution<double>(0, 1)(rng);
-    if (opt.fault("never") && r < 0.2) {
-        hwl->stop_mode = Mode::never;
-    } else if (opt.fault("defer") && r < 0.6) {
-        hwl->stop_mode = Mode::deferred;
-        hwl->defer_ms = unsigned(1 + rng() % 40);
-    } else if (r < 0.8 || !opt.fault("defer")) {
-        // Real transfer hardware confirms a stop a little later.
-        hwl->stop_mode = Mode::deferred;
-        hwl->defer_ms = 5;
-    } else {
-        hwl->stop_mode = Mode::at_once;
-    }
+    bool never = false;
+    int defer_ms = -1;  // at once
+    if (opt.fault("never") && r < 0.2)
+        never = true;
+    else if (opt.fault("defer") && r < 0.6)
+        defer_ms = int(1 + rng() % 40);
+    else if (r < 0.8 || !opt.fault("defer"))
+        defer_ms = 5;  // real transfer hardware confirms a stop a little later
+    sim->update_faults([never, defer_ms](vqxsim::Faults& f) {
+        f.never_confirm_stop = never;
+        f.defer_stop_ms = defer_ms;
+    });
 }
 
 void Load::quiet_point()
@@ -498,23 +505,22 @@ Result Load::run()
         const bool recovers = rng() % 2 == 0;
         while (Clock::now() < phase_end && !failed) {
             const auto now = Clock::now();
-            if (stall && now >= stall_at && now < stall_end && !hwl->stall) {
+            if (stall && now >= stall_at && now < stall_end && !holding()) {
                 stall_since = now_ms();
-                hwl->stall = true;
-            } else if (hwl->stall && now >= stall_end) {
+                hold(true);
+            } else if (holding() && now >= stall_end) {
                 end_stall(recovers);
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
             if (opt.verbose && now_ms() % 500 < 10) {
-                const auto a = hwl->accounting();
                 std::printf("%6ld ms: %s; frames %llu\n", now_ms(), robust::snapshot().describe().c_str(),
-                            static_cast<unsigned long long>(a.lives_begun));
+                            static_cast<unsigned long long>(sim->counters().frames_delivered));
                 for (unsigned c = 0; c < clients.size(); ++c)
                     std::printf("    client %u: %s on %d since %ld\n", c, clients[c].op.load(),
                                 clients[c].slot.load(), clients[c].since.load());
             }
         }
-        if (hwl->stall)
+        if (holding())
             end_stall(recovers);
         if (!failed && Clock::now() < end)
             quiet_point();
@@ -535,24 +541,24 @@ Result Load::run()
     watchdog_quit = true;
     dog.join();
 
-    const auto a = hwl->accounting();
+    const vqxsim::Counters n = sim->counters();
     const uint64_t handed = count.handed_certain + count.handed_uncertain;
     std::ostringstream text;
     text << "seed " << opt.seed << ", " << opt.seconds << " s, " << opt.threads << " threads, " << opt.sessions
          << " sessions, capture mode " << opt.capture_mode << ": " << count.calls << " calls, " << count.quiet_points
-         << " quiet points; frames delivered " << a.lives_begun << " = handed out " << handed << " ("
-         << count.handed_certain << " certain) + dropped " << int64_t(a.lives_begun - handed) << "; starts "
+         << " quiet points; frames delivered " << n.frames_delivered << " = handed out " << handed << " ("
+         << count.handed_certain << " certain) + dropped " << int64_t(n.frames_delivered - handed) << "; starts "
          << count.starts << ", stops " << count.stops << ", single frames " << count.single_frames << ", reopens "
          << count.reopens << ", misuses " << count.misuses << ", start/stop storms " << count.storms
-         << ", stale-handle calls " << count.stale_calls << ", liveness probes " << count.probes << "; faults: " << a.frames_dropped << " dropped, "
-         << a.frames_swallowed << " held back by stalls, " << a.extra_vsyncs << " extra vsyncs, " << a.failed_writes
-         << " failed writes, " << a.stop_requests << " stop requests (" << a.stops_confirmed << " confirmed late, "
-         << a.stops_never_confirmed << " never)";
+         << ", stale-handle calls " << count.stale_calls << ", liveness probes " << count.probes << "; faults: " << n.frames_dropped << " dropped, "
+         << n.frames_held << " held back by stalls, "
+         << n.duplicate_events + n.zero_handle_events + n.unknown_handle_events << " extra vsyncs, "
+         << n.register_write_failures << " failed writes, " << n.stop_requests << " stop requests ("
+         << n.stop_confirmations << " confirmed late)";
     result.summary = text.str();
     result.passed = !failed;
     result.failure = failure;
     sim->shutdown();
-    hwl->shutdown();
     return result;
 }
 
@@ -663,15 +669,16 @@ void Load::op_get_new_scan(unsigned me, std::vector<Held>& held, std::mt19937_64
         ++count.null_frames;
         return;
     }
-    if (hwl->handle_of(frame) == 0) {
+    vqxsim::Buffer_view view;
+    if (!sim->buffer_at(frame, &view)) {
         fail("VQXSI_GetNewScan returned an address that is no buffer");
         return;
     }
     {
         std::shared_lock<std::shared_mutex> lock(reclaim);
         if (epoch == before) {
-            if (!hwl->mark_handed(frame))
-                fail("frame hand-out: " + hwl->accounting().first_mark_error);
+            if (!ledger->mark_handed(frame))
+                fail("frame hand-out: " + ledger->first_error());
             ++count.handed_certain;
             held.push_back({frame, before});
         } else {
@@ -706,10 +713,14 @@ void Load::give_back(unsigned me, Held item, std::mt19937_64& rng)
         if (item.epoch != kUncertain && epoch == item.epoch) {
             const bool ok = call(me, "UnlockBuffer", int(i), bound_for(i),
                                  [&] { return VQXSI_UnlockBuffer(s.handle, item.frame); }) == 1;
-            if (!ok)
+            if (!ok) {
+                vqxsim::Buffer_view view;
+                sim->buffer_at(item.frame, &view);
+                static const char* const states[] = {"free", "armed", "delivered"};
                 fail("VQXSI_UnlockBuffer refused a frame the client surely held (buffer " +
-                     std::to_string(hwl->handle_of(item.frame)) + ": " + hwl->describe(hwl->handle_of(item.frame)) +
-                     "; " + robust::snapshot().describe() + ")");
+                     std::to_string(view.handle) + ": " + states[int(view.state)] + (view.held ? ", held back" : "") +
+                     ", frame " + std::to_string(view.announced_frame) + "; " + robust::snapshot().describe() + ")");
+            }
             return;
         }
     }
@@ -765,7 +776,8 @@ void Load::op_single_frame(unsigned me, std::vector<Held>& held, std::mt19937_64
     // the hand-off; with a stop confirmed at once the driver discards the
     // frame with the stream and the call waits out its 30 s (known defect,
     // exercised by the misuse suite), which would stretch the run.
-    if (hwl->stop_mode != robust::Fault_hwl::Stop_mode::deferred)
+    const vqxsim::Faults faults = sim->faults();
+    if (faults.never_confirm_stop || faults.defer_stop_ms < 0)
         return;
     const unsigned i = unsigned(rng() % slots.size());
     Slot& s = slots[i];
@@ -793,8 +805,8 @@ void Load::op_single_frame(unsigned me, std::vector<Held>& held, std::mt19937_64
         ++count.null_frames;
         return;
     }
-    if (!hwl->mark_handed(frame))
-        fail("single frame hand-out: " + hwl->accounting().first_mark_error);
+    if (!ledger->mark_handed(frame))
+        fail("single frame hand-out: " + ledger->first_error());
     ++count.handed_certain;
     held.push_back({frame, epoch.load()});
 }
@@ -931,7 +943,7 @@ void Load::op_bad_unlock(unsigned me, std::vector<Held>& held, std::mt19937_64& 
     if (what == 1) {
         // A buffer never handed out to this thread (or one another thread
         // holds): may take a frame back.
-        std::vector<unsigned char*> all = hwl->buffer_addresses();
+        std::vector<unsigned char*> all = sim->buffer_images();
         if (all.empty())
             return;
         p = all[rng() % all.size()];

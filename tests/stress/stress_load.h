@@ -15,8 +15,8 @@
 // client while its receiver is still on its way to record it. Such calls
 // run exclusively under a reclaim lock and advance a reclaim epoch; a
 // receiver that sees the epoch unchanged since before its GetNewScan knows
-// the frame is still its own and records it with the hardware layer's
-// accounting (Fault_hwl::mark_handed), otherwise it counts the hand-out as
+// the frame is still its own and records it in the simulator's
+// frame ledger (Frame_ledger::mark_handed), otherwise it counts the hand-out as
 // uncertain. Giving back a frame known to be one's own must succeed.
 #ifndef VQX_TESTS_STRESS_LOAD_H
 #define VQX_TESTS_STRESS_LOAD_H

@@ -146,7 +146,7 @@ inline Driver_snapshot snapshot()
 }
 
 /// Runs @p f under the sensor's monitor (the driver's outermost lock),
-/// entered from a thread that holds no driver lock. Used as a Fault_hwl
+/// entered from a thread that holds no driver lock. Used as the simulator's
 /// event guard: the monitor is recursive, so the vsync callbacks run by @p f
 /// enter it again.
 inline void with_driver_monitor(const std::function<void()>& f)
