@@ -1,12 +1,35 @@
 // The stream driver's frame paths that no hardware layer produces on
-// demand: refused transitions, and frame events it must tolerate (while
-// stopped, without a buffer, unknown handle, out of order, partly written).
+// demand: an unread frame reclaimed for the next capture, refused
+// transitions, and frame events it must tolerate (while stopped, without a
+// buffer, unknown handle, out of order, partly written).
 // Buffer supply while clients hold buffers, deferred and unconfirmed stops
 // and stalls run end to end on the simulated engine (tests/misuse,
 // tests/streams).
 #include "stream_fixture.h"
 
 #include <cstring>
+
+// With no free buffer left, the unread completed frame is taken back and
+// refilled rather than letting the scan stall.
+TEST_F(Stream_test, UnreadFrameIsReclaimedForTheNextCapture)
+{
+    start(3);
+    ASSERT_TRUE(client_lock(2));
+    fill(0, 0x11);
+    ASSERT_TRUE(wait_for_call("update_contrast(100,1000)"));
+    vsync(101);
+    EXPECT_EQ(record(0), available_now());
+    calls();
+    fill(1, 0x22);
+    ASSERT_TRUE(wait_for_call("update_contrast(100,1000)"));
+    EXPECT_EQ("exposure_frame init_capture(101) sample_reset(8,12) sample_pixels(8) sample_wv "
+              "update_contrast(100,1000)",
+              calls());
+    EXPECT_EQ(nullptr, available_now());
+    EXPECT_EQ(record(0), vstream().get_lock()->prefill());
+    EXPECT_TRUE(record(0)->lock_cnt == 1 && record(0)->owner == ScanBufferInfo::SCANDRIVER);
+    EXPECT_TRUE(client_unlock(record(2)));
+}
 
 TEST_F(Stream_test, RefusedTransitions)
 {
