@@ -405,11 +405,11 @@ private:
         using vqxsim::Faults;
         const vqxsim::Trigger p = vqxsim::Trigger::with_probability((in.byte() % 5) * 0.25);
         const unsigned kind = in.byte() % 10;
-        const int defer_ms = in.byte() % 20;
         static const char* const names[] = {"drop", "duplicate", "zero", "unknown", "regfail",
                                             "stall", "defer", "never", "", "startfail"};
         if (*names[kind] && !eng.fault(names[kind]))
             return;
+        const int defer_ms = kind == 6 ? in.byte() % 20 : 0;
         sim.update_faults([&](Faults& f) {
             switch (kind) {
             case 0: f.drop = p; break;
