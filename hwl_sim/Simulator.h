@@ -275,6 +275,7 @@ public:
 
     // Faults while running. The fault counters of a trigger that @p change
     // leaves as it was go on counting; a changed trigger starts anew.
+    // @p change runs under the simulator's lock: it must not call it.
     Faults faults() const;
     void update_faults(const std::function<void(Faults&)>& change);
     /// Announces the frames the hold_frames fault held back, now, from the
