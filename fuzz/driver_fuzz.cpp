@@ -482,7 +482,7 @@ private:
         for (;;) {
             sim.confirm_stop_now(true);
             problem = robust::check_all_closed(robust::snapshot());
-            const unsigned out = sim.buffers_in(vqxsim::Buffer_state::armed) + sim.buffers_in(vqxsim::Buffer_state::delivered);
+            const unsigned out = ledger.buffers_out();
             if (problem.empty() && out != 0)
                 problem = std::to_string(out) + " buffers armed or filled, not back with the hardware layer";
             if (problem.empty() || Clock::now() > deadline)
@@ -492,8 +492,7 @@ private:
         eng.pumping = false;
         if (!problem.empty())
             violated("after the last close: " + problem);
-        const vqxsim::Counters n = sim.counters();
-        if (n.frames_delivered != n.frames_returned)
+        if (!ledger.all_returned())
             violated("a delivered frame never went back to the hardware layer");
         if (ledger.errors() != 0)
             violated("hand-out: " + ledger.first_error());

@@ -127,10 +127,7 @@ private:
         else
             sim->lose_held_frames();
     }
-    unsigned sim_buffers_out() const
-    {
-        return sim->buffers_in(vqxsim::Buffer_state::armed) + sim->buffers_in(vqxsim::Buffer_state::delivered);
-    }
+    unsigned sim_buffers_out() const { return ledger->buffers_out(); }
     void quiet_point();
 
     // Clients.
@@ -370,10 +367,7 @@ std::string Load::quiet_check(const char* where)
     // still arrives (where the engine fills buffers on its own) and goes
     // straight back, so the simulator's buffers are waited for too.
     const auto deadline = Clock::now() + std::chrono::milliseconds(kQuietStopBound);
-    const auto all_back = [this] {
-        const vqxsim::Counters n = sim->counters();
-        return sim_buffers_out() == 0 && n.frames_delivered == n.frames_returned;
-    };
+    const auto all_back = [this] { return sim_buffers_out() == 0 && ledger->all_returned(); };
     robust::Driver_snapshot s = robust::snapshot();
     while (Clock::now() < deadline && (s.stream != IStream_driver::STOPPED || !all_back())) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));

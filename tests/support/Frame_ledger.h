@@ -39,6 +39,18 @@ public:
         return true;
     }
 
+    /// Buffers armed or filled for the driver, not back with the simulator.
+    unsigned buffers_out() const
+    {
+        return sim.buffers_in(vqxsim::Buffer_state::armed) + sim.buffers_in(vqxsim::Buffer_state::delivered);
+    }
+    /// Every frame announced has come back.
+    bool all_returned() const
+    {
+        const vqxsim::Counters n = sim.counters();
+        return n.frames_delivered == n.frames_returned;
+    }
+
     uint64_t marked() const
     {
         std::lock_guard<std::mutex> hold(mutex);
