@@ -217,17 +217,33 @@ TEST_P(StreamSurvival, Run)
             CALL("GetSleepTimeout", VQXSI_GetSleepTimeout(h, ms) == 0),
 #undef CALL
         };
-        for (const auto& call : calls) {
-            SCOPED_TRACE(call.name);
+        // The closed session's handle, an address that never was a session
+        // and NULL are all refused, except that NULL stands for the default
+        // sleep time-out; nothing is written to the caller's records.
+        int never_open = 0;
+        uint32_t default_ms = 0;
+        ASSERT_EQ(1, VQXSI_GetSleepTimeout(nullptr, &default_ms));
+        for (VQXSI_HANDLE bad : {h, reinterpret_cast<VQXSI_HANDLE>(&never_open), VQXSI_HANDLE(nullptr)}) {
+            for (const auto& call : calls) {
+                SCOPED_TRACE(call.name);
+                const bool default_sleep = !bad && std::string(call.name).find("SleepTimeout") != std::string::npos;
+                errno = 0;
+                EXPECT_EQ(!default_sleep, call.refused(bad, frame, &lights, pairs, &ms, &p));
+                EXPECT_EQ(default_sleep ? 0 : EINVAL, errno);
+            }
             errno = 0;
-            EXPECT_TRUE(call.refused(h, frame, &lights, pairs, &ms, &p));
-            EXPECT_EQ(EINVAL, errno);
+            VQXSI_CloseSessionWithScanEngine(bad);  // a second close, or no session: nothing
+            EXPECT_EQ(bad ? EINVAL : 0, errno);
         }
-        errno = 0;
-        VQXSI_CloseSessionWithScanEngine(h);  // a second close: nothing
-        EXPECT_EQ(EINVAL, errno);
+        EXPECT_EQ(1, VQXSI_SetSleepTimeout(nullptr, default_ms));
         EXPECT_EQ(0u, lights.scanning_mode);
+        EXPECT_EQ(ES_TARGET_VALUE, pairs[0]);
+        EXPECT_EQ(0u, pairs[1]);
         EXPECT_EQ(0u, p.buffer_count);
+        char revision[8];  // the revision needs no session
+        EXPECT_EQ(1, VQXSI_GetScanDriverRevision(nullptr, revision));
+        EXPECT_STREQ("2.138", revision);
+        EXPECT_STREQ("Revision: 2.138", VQXSI_RevisionString());
 
         // A close while other threads call on the session: each call either
         // runs on the open session or is refused; none touches freed memory
