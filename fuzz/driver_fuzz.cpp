@@ -41,6 +41,7 @@
 
 #include "Driver_invariants.h"
 #include "Frame_ledger.h"
+#include "Record_calls.h"
 #include "Sim_client.h"
 #include "scan_session.h"
 
@@ -126,6 +127,8 @@ public:
             v |= uint32_t(byte()) << (8 * i);
         return v;
     }
+    /// A chooser for Record_calls.h: a value below @p bound, any for 0.
+    uint32_t operator()(uint32_t bound) { return bound ? byte() % bound : word(); }
 
 private:
     const uint8_t* data;
@@ -158,7 +161,7 @@ private:
 
     void step(Input& in)
     {
-        switch (in.byte() % 19) {
+        switch (in.byte() % 17) {
         case 0: open(in); break;
         case 1: close(in); break;
         case 2: start(in); break;
@@ -168,15 +171,13 @@ private:
         case 6: give_back(in); break;
         case 7: bad_unlock(in); break;
         case 8: single_frame(in); break;
-        case 9: lights(in); break;
-        case 10: exposure(in); break;
-        case 11: exposure_mode(in); break;
-        case 12: properties(in); break;
-        case 13: sleep_timeout(in); break;
-        case 14: fault(in); break;
-        case 15: wait(in); break;
-        case 16: null_handle(in); break;
-        case 17: sim.confirm_stop_now(); break;
+        case 9: records(in); break;
+        case 10: properties(in); break;
+        case 11: sleep_timeout(in); break;
+        case 12: fault(in); break;
+        case 13: wait(in); break;
+        case 14: null_handle(in); break;
+        case 15: sim.confirm_stop_now(); break;
         default: sim.release_held_frames(); break;
         }
     }
@@ -320,55 +321,13 @@ private:
         held.push_back({frame, epoch});
     }
 
-    void lights(Input& in)
+    // Lights, exposure settings and mode (see Record_calls.h).
+    void records(Input& in)
     {
         VQXSI_HANDLE h = slot(in);
-        if (!h)
-            return;
-        static const uint32_t sizes[] = {0, 1, 7, 27, 28, 29, 0xFFFFFFFFu, 12};
-        VQX_SCANNER_LIGHTING l;
-        l.size = sizes[in.byte() % 8];
-        l.scanning_mode = in.byte() % 10;
-        l.idle_mode = in.byte() % 4 == 0 ? in.byte() % 9 : 0;
-        l.reserved = in.byte();
-        l.level_a = in.byte();
-        l.level_b = in.byte();
-        l.boost = in.byte() % 2;
-        if (in.byte() % 2) {
-            if (VQXSI_SetLights(h, &l) != 1)
-                violated("VQXSI_SetLights failed");
-        } else {
-            const uint32_t size = l.size;
-            if (VQXSI_GetLights(h, &l) != 1 || l.size != (size < 28 ? size : 28))
-                violated("VQXSI_GetLights");
-        }
-    }
-
-    void exposure(Input& in)
-    {
-        VQXSI_HANDLE h = slot(in);
-        if (!h)
-            return;
-        uint32_t pairs[8];
-        const unsigned n = 1 + in.byte() % 4;
-        for (unsigned k = 0; k < n; ++k) {
-            pairs[2 * k] = in.byte() % 2 ? in.word() : in.byte() % 25;
-            pairs[2 * k + 1] = in.word();
-        }
-        const uint32_t size = 8 * n - in.byte() % 8;
-        if (in.byte() % 2) {
-            if (VQXSI_SetExposureSettings(h, pairs, size) != 1)
-                violated("VQXSI_SetExposureSettings failed");
-        } else if (VQXSI_GetExposureSettings(h, pairs, size) != 1) {
-            violated("VQXSI_GetExposureSettings failed");
-        }
-    }
-
-    void exposure_mode(Input& in)
-    {
-        VQXSI_HANDLE h = slot(in);
-        if (h && VQXSI_SetExposureMode(h, in.word()) != 1)
-            violated("VQXSI_SetExposureMode failed");
+        const std::string e = !h ? "" : in.byte() % 2 ? record_calls::lights(h, in) : record_calls::exposure(h, in);
+        if (!e.empty())
+            violated(e);
     }
 
     void properties(Input& in)
@@ -390,14 +349,9 @@ private:
         if (!eng.fault("sleep"))
             return;
         VQXSI_HANDLE h = slot(in);
-        static const uint32_t values[] = {0, 1, 5, 0xFFFFFFFFu};
-        const uint32_t ms = values[in.byte() % 4];
-        VQXSI_SetSleepTimeout(h, ms);
-        uint32_t back = 0;
-        if (VQXSI_GetSleepTimeout(h, &back) != 1)
-            violated("VQXSI_GetSleepTimeout failed");
-        if (!h && back != ms)
-            violated("the default sleep time-out did not read back");
+        const std::string e = record_calls::sleep_timeout(h, in);
+        if (!e.empty())
+            violated(e);
     }
 
     void fault(Input& in)

@@ -34,6 +34,7 @@
 
 #include "Driver_invariants.h"
 #include "Frame_ledger.h"
+#include "Record_calls.h"
 #include "Sim_client.h"
 #include "scan_session.h"
 
@@ -144,9 +145,7 @@ private:
     void stop_started(unsigned me, unsigned i, const char* op);
     void op_single_frame(unsigned me, std::vector<Held>& held, std::mt19937_64& rng);
     void op_reopen(unsigned me, std::mt19937_64& rng);
-    void op_lights(unsigned me, std::mt19937_64& rng);
-    void op_exposure(unsigned me, std::mt19937_64& rng);
-    void op_sleep(unsigned me, std::mt19937_64& rng);
+    void op_records(unsigned me, std::mt19937_64& rng);
     void op_bad_unlock(unsigned me, std::vector<Held>& held, std::mt19937_64& rng);
     void op_storm(unsigned me, std::mt19937_64& rng);
     void op_stale_handle(unsigned me, std::mt19937_64& rng);
@@ -586,12 +585,8 @@ void Load::client(unsigned me)
             op_single_frame(me, held, rng);
         else if (r < 63)
             op_reopen(me, rng);
-        else if (r < 68)
-            op_lights(me, rng);
-        else if (r < 74)
-            op_exposure(me, rng);
         else if (r < 77)
-            op_sleep(me, rng);
+            op_records(me, rng);
         else if (r < 80)
             op_storm(me, rng);
         else if (r < 81)
@@ -830,91 +825,24 @@ void Load::op_reopen(unsigned me, std::mt19937_64& rng)
         fail("VQXSI_OpenSessionWithScanEngine failed");
 }
 
-void Load::op_lights(unsigned me, std::mt19937_64& rng)
-{
-    static const uint32_t sizes[] = {0, 1, 7, 12, 27, 28, 29, 40, 0xFFFFFFFFu};
-    const unsigned i = unsigned(rng() % slots.size());
-    Slot& s = slots[i];
-    std::shared_lock<std::shared_mutex> use(s.use);
-    const uint32_t size = sizes[rng() % 9];
-    if (rng() % 2) {
-        // Idle lights (sleep hold) only briefly: set and cleared in one go.
-        VQX_SCANNER_LIGHTING l = {size, uint32_t(rng() % 10), uint32_t(rng() % 4 == 0 ? 1 + rng() % 8 : 0), 0,
-                                  uint32_t(rng() % 200), uint32_t(rng() % 200), uint32_t(rng() % 2)};
-        if (call(me, "SetLights", int(i), bound_for(i), [&] { return VQXSI_SetLights(s.handle, &l); }) != 1)
-            fail("VQXSI_SetLights failed");
-        if (l.idle_mode != 0) {
-            VQX_SCANNER_LIGHTING off = {28, 5, 0, 0, 100, 100, 0};
-            call(me, "SetLights", int(i), bound_for(i), [&] { return VQXSI_SetLights(s.handle, &off); });
-        }
-    } else {
-        unsigned char raw[64];
-        std::memcpy(raw, &size, 4);
-        if (call(me, "GetLights", int(i), bound_for(i),
-                 [&] { return VQXSI_GetLights(s.handle, reinterpret_cast<VQX_SCANNER_LIGHTING*>(raw)); }) != 1)
-            fail("VQXSI_GetLights failed");
-        uint32_t reported;
-        std::memcpy(&reported, raw, 4);
-        if (reported != std::min<uint32_t>(size, 28))
-            fail("VQXSI_GetLights reported a wrong size");
-    }
-}
-
-void Load::op_exposure(unsigned me, std::mt19937_64& rng)
+// Lights, exposure settings and mode, sleep time-out, on any session while
+// frames flow (see Record_calls.h).
+void Load::op_records(unsigned me, std::mt19937_64& rng)
 {
     const unsigned i = unsigned(rng() % slots.size());
     Slot& s = slots[i];
     std::shared_lock<std::shared_mutex> use(s.use);
-    uint32_t pairs[8];
-    const unsigned n = unsigned(1 + rng() % 4);
-    for (unsigned k = 0; k < n; ++k) {
-        pairs[2 * k] = rng() % 8 == 0 ? uint32_t(rng()) : uint32_t(rng() % 25);
-        pairs[2 * k + 1] = rng() % 8 == 0 ? uint32_t(rng()) : uint32_t(rng() % 300);
-    }
-    const uint32_t size = uint32_t(8 * n - (rng() % 3 == 0 ? rng() % 8 : 0));
-    const unsigned what = unsigned(rng() % 3);
-    if (what == 0) {
-        // Keep the frames coming: no frame conformity, which could hold
-        // every frame back on the simulator's scene.
-        for (unsigned k = 0; k < n; ++k)
-            if (pairs[2 * k] == ES_CONFORM_IMAGE)
-                pairs[2 * k + 1] = 0;
-        if (call(me, "SetExposureSettings", int(i), bound_for(i),
-                 [&] { return VQXSI_SetExposureSettings(s.handle, pairs, size); }) != 1)
-            fail("VQXSI_SetExposureSettings failed");
-    } else if (what == 1) {
-        if (call(me, "GetExposureSettings", int(i), bound_for(i),
-                 [&] { return VQXSI_GetExposureSettings(s.handle, pairs, size); }) != 1)
-            fail("VQXSI_GetExposureSettings failed");
-        for (unsigned k = 0; k < size / 8; ++k) {
-            const uint32_t tag = pairs[2 * k];
-            const bool unknown = tag == 6 || tag == 7 || tag > 23 || tag == ES_FAST_START || tag == ES_DECODE_PARAMETER;
-            if (unknown && pairs[2 * k + 1] != 0)
-                fail("an unknown or ignored tag read back non-zero");
-        }
-    } else {
-        const uint32_t mode = uint32_t(rng() % 5);
-        if (call(me, "SetExposureMode", int(i), bound_for(i),
-                 [&] { return VQXSI_SetExposureMode(s.handle, mode); }) != 1)
-            fail("VQXSI_SetExposureMode failed");
-    }
-}
-
-void Load::op_sleep(unsigned me, std::mt19937_64& rng)
-{
-    if (!opt.fault("sleep"))
-        return;
-    static const uint32_t values[] = {0, 0, 5, 30, 200};
-    const uint32_t ms = values[rng() % 5];
-    const unsigned i = unsigned(rng() % slots.size());
-    Slot& s = slots[i];
-    std::shared_lock<std::shared_mutex> use(s.use);
-    VQXSI_HANDLE h = rng() % 3 == 0 ? nullptr : s.handle;
-    if (call(me, "SetSleepTimeout", int(i), bound_for(i), [&] { return VQXSI_SetSleepTimeout(h, ms); }) != 1)
-        fail("VQXSI_SetSleepTimeout failed");
-    uint32_t back = 0;
-    if (call(me, "GetSleepTimeout", int(i), bound_for(i), [&] { return VQXSI_GetSleepTimeout(h, &back); }) != 1)
-        fail("VQXSI_GetSleepTimeout failed");
+    auto pick = [&rng](uint32_t bound) { return bound ? uint32_t(rng() % bound) : uint32_t(rng()); };
+    const unsigned kind = unsigned(rng() % 14);
+    std::string e;
+    if (kind < 5)
+        e = call(me, "lights", int(i), bound_for(i), [&] { return record_calls::lights(s.handle, pick); });
+    else if (kind < 11)
+        e = call(me, "exposure settings", int(i), bound_for(i), [&] { return record_calls::exposure(s.handle, pick); });
+    else if (opt.fault("sleep"))
+        e = call(me, "sleep time-out", int(i), bound_for(i), [&] { return record_calls::sleep_timeout(s.handle, pick); });
+    if (!e.empty())
+        fail(e);
 }
 
 void Load::op_bad_unlock(unsigned me, std::vector<Held>& held, std::mt19937_64& rng)
