@@ -60,7 +60,7 @@ TEST_F(Buffer_test, OwnershipConflictsAndDoubleUnlock)
     EXPECT_FALSE(vlocker().LockBuffer(&elsewhere, Owner::CLIENT));
     EXPECT_FALSE(vlocker().UnlockBuffer(&elsewhere, Owner::CLIENT));
     // None of this is an inconsistency worth an assertion.
-    EXPECT_TRUE(Output_capture::take().empty());
+    EXPECT_TRUE(Output_capture::take_assertions().empty());
 }
 
 TEST_F(Buffer_test, AllocateTakesLowestFreeAndStopsAtUnloadedEntry)
@@ -130,7 +130,7 @@ TEST_F(Buffer_test, ResetKeepsScanDriverLocksAndCirculationCount)
     vlocker().UnlockBuffer(sd, Owner::SCANDRIVER);
     client_all(true);
     EXPECT_EQ(vlocker().circulating_buffers(), 0u);
-    EXPECT_TRUE(Output_capture::take().empty());
+    EXPECT_TRUE(Output_capture::take_assertions().empty());
 }
 
 TEST_F(Buffer_test, AttributesAndCapabilitiesCopiesAreSizeLimited)

@@ -64,7 +64,7 @@ TEST_F(Progress_test, BuffersLeaveFromTheFrontOnly)
     EXPECT_EQ(tracker.tracked(), 2u);
     EXPECT_FALSE(has_marker(hwl.frame(2)));
     tracker.stop_tracking(record(1));  // not the oldest: refused
-    auto reports = Output_capture::take();
+    auto reports = Output_capture::take_assertions();
     ASSERT_EQ(reports.size(), 3u);
     EXPECT_NE(reports[0].find("@ jni/../Progress_tracker line @120"), std::string::npos);
     EXPECT_NE(reports[1].find("line @112"), std::string::npos);

@@ -1,52 +1,12 @@
-// Shared by the driver tests: Output_capture collects dbg_output texts while
-// it exists; Driver_scope points the_scan_driver at a private Scan_driver
-// (optionally with a configuration word variant | orientation << 16 and a
-// capture mode) and, on leaving, restores it and forgets the objects wired
-// in, which belong to the test.
+// Shared by the driver tests: Driver_scope points the_scan_driver at a
+// private Scan_driver (optionally with a configuration word variant |
+// orientation << 16 and a capture mode) and, on leaving, restores it and
+// forgets the objects wired in, which belong to the test.
 #ifndef VQX_TESTS_DRIVER_TEST_SCOPE_H
 #define VQX_TESTS_DRIVER_TEST_SCOPE_H
 
-#include <mutex>
-#include <string>
-#include <vector>
-
-#include "Diagnostics.h"
+#include "Output_capture.h"
 #include "Scan_driver.h"
-
-class Output_capture {
-public:
-    Output_capture() { take(); set_dbg_output_hook(&hook); }
-    ~Output_capture() { set_dbg_output_hook(nullptr); take(); }
-    // Number of texts containing @p part.
-    static size_t count(const std::string& part)
-    {
-        std::lock_guard<std::mutex> lock(mutex());
-        size_t n = 0;
-        for (const auto& t : texts())
-            n += t.find(part) != std::string::npos;
-        return n;
-    }
-    // The assertion reports so far; forgets every text.
-    static std::vector<std::string> take()
-    {
-        std::lock_guard<std::mutex> lock(mutex());
-        std::vector<std::string> out;
-        for (const auto& t : texts())
-            if (t.compare(0, 10, "Assertion:") == 0)
-                out.push_back(t);
-        texts().clear();
-        return out;
-    }
-
-private:
-    static void hook(const char* text)
-    {
-        std::lock_guard<std::mutex> lock(mutex());
-        texts().push_back(text);
-    }
-    static std::mutex& mutex() { static std::mutex m; return m; }
-    static std::vector<std::string>& texts() { static std::vector<std::string> t; return t; }
-};
 
 class Driver_scope {
 public:

@@ -16,12 +16,23 @@ class Output_capture {
 public:
     Output_capture() { take(); set_dbg_output_hook(&record); }
     ~Output_capture() { set_dbg_output_hook(nullptr); take(); }
-    std::vector<std::string> messages() const { std::lock_guard<std::mutex> g(m); return lines; }
-    std::vector<std::string> take() { std::lock_guard<std::mutex> g(m); return std::exchange(lines, {}); }
-    size_t count(const std::string& text) const
+    static std::vector<std::string> messages() { std::lock_guard<std::mutex> g(m); return lines; }
+    static std::vector<std::string> take() { std::lock_guard<std::mutex> g(m); return std::exchange(lines, {}); }
+    /// The assertion reports so far; forgets every text.
+    static std::vector<std::string> take_assertions()
+    {
+        std::vector<std::string> reports;
+        for (std::string& text : take())
+            if (text.compare(0, 10, "Assertion:") == 0)
+                reports.push_back(std::move(text));
+        return reports;
+    }
+    /// Number of texts containing @p part.
+    static size_t count(const std::string& part)
     {
         std::lock_guard<std::mutex> g(m);
-        return size_t(std::count(lines.begin(), lines.end(), text));
+        return size_t(std::count_if(lines.begin(), lines.end(),
+                                    [&](const std::string& t) { return t.find(part) != std::string::npos; }));
     }
     // The text of an assertion report.
     static std::string assertion(const char* expr, const char* file, unsigned n)
