@@ -325,7 +325,7 @@ private:
     void records(Input& in)
     {
         VQXSI_HANDLE h = slot(in);
-        const std::string e = !h ? "" : in.byte() % 2 ? record_calls::lights(h, in) : record_calls::exposure(h, in);
+        const std::string e = !h ? "" : in.byte() % 2 ? record_calls::lights(h, in) : record_calls::exposure(h, in, true);
         if (!e.empty())
             violated(e);
     }

@@ -6,10 +6,9 @@
 //
 // A chooser is a callable `uint32_t pick(uint32_t bound)`: a value below
 // @p bound, or any 32-bit value for bound 0. Every function returns an
-// empty string, or what the interface got wrong. None of them leaves
-// anything behind that would hold frames back or keep the engine awake:
-// idle lights are set back at once, and frame conformity is never turned
-// on.
+// empty string, or what the interface got wrong. None of them leaves idle
+// lights on (they are set back at once) or turns frame conformity on
+// (which can hold every frame back) unless the caller allows it.
 #ifndef VQX_TESTS_RECORD_CALLS_H
 #define VQX_TESTS_RECORD_CALLS_H
 
@@ -53,14 +52,14 @@ std::string lights(VQXSI_HANDLE h, Pick&& pick)
 /// pairs (tags and values mostly in range, sometimes anything; sizes with a
 /// partial pair), or VQXSI_SetExposureMode. Unknown and ignored tags read 0.
 template <class Pick>
-std::string exposure(VQXSI_HANDLE h, Pick&& pick)
+std::string exposure(VQXSI_HANDLE h, Pick&& pick, bool conformity = false)
 {
     uint32_t pairs[8];
     const unsigned n = 1 + pick(4);
     for (unsigned k = 0; k < n; ++k) {
         pairs[2 * k] = pick(8) == 0 ? pick(0) : pick(25);
         pairs[2 * k + 1] = pick(8) == 0 ? pick(0) : pick(300);
-        if (pairs[2 * k] == ES_CONFORM_IMAGE)
+        if (pairs[2 * k] == ES_CONFORM_IMAGE && !conformity)
             pairs[2 * k + 1] = 0;
     }
     const uint32_t size = 8 * n - (pick(3) == 0 ? pick(8) : 0);
