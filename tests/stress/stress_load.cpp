@@ -85,7 +85,7 @@ struct Held {
 struct Counts {
     std::atomic<uint64_t> calls{0}, handed_certain{0}, handed_uncertain{0}, null_frames{0},
         unlocks{0}, starts{0}, stops{0}, single_frames{0}, reopens{0}, misuses{0},
-        quiet_points{0}, probes{0}, storms{0}, stale_calls{0};
+        quiet_points{0}, probes{0}, storms{0};
 };
 
 class Load {
@@ -148,15 +148,12 @@ private:
     void op_records(unsigned me, std::mt19937_64& rng);
     void op_bad_unlock(unsigned me, std::vector<Held>& held, std::mt19937_64& rng);
     void op_storm(unsigned me, std::mt19937_64& rng);
-    void op_stale_handle(unsigned me, std::mt19937_64& rng);
 
     long now_ms() const { return sim_client::elapsed_ms(begin); }
 
     const Options opt;
     const Clock::time_point begin = Clock::now();
     std::atomic<unsigned> held_total{0};  ///< frames in the clients' held lists
-    std::mutex closed_mutex;
-    std::vector<VQXSI_HANDLE> closed;     ///< handles of sessions closed by reopens
     vqxsim::Simulator* sim = nullptr;
     Frame_ledger* ledger = nullptr;
 
@@ -543,7 +540,7 @@ Result Load::run()
          << count.handed_certain << " certain) + dropped " << int64_t(n.frames_delivered - handed) << "; starts "
          << count.starts << ", stops " << count.stops << ", single frames " << count.single_frames << ", reopens "
          << count.reopens << ", misuses " << count.misuses << ", start/stop storms " << count.storms
-         << ", stale-handle calls " << count.stale_calls << ", liveness probes " << count.probes << "; faults: " << n.frames_dropped << " dropped, "
+         << ", liveness probes " << count.probes << "; faults: " << n.frames_dropped << " dropped, "
          << n.frames_held << " held back by stalls, "
          << n.duplicate_events + n.zero_handle_events + n.unknown_handle_events << " extra vsyncs, "
          << n.register_write_failures << " failed writes, " << n.stop_requests << " stop requests ("
@@ -568,7 +565,7 @@ void Load::client(unsigned me)
             pause_here(me, held, rng);
             continue;
         }
-        const unsigned r = unsigned(rng() % 87);
+        const unsigned r = unsigned(rng() % 86);
         if (r < 30)
             op_get_new_scan(me, held, rng);
         else if (r < 44) {
@@ -589,8 +586,6 @@ void Load::client(unsigned me)
             op_records(me, rng);
         else if (r < 80)
             op_storm(me, rng);
-        else if (r < 81)
-            op_stale_handle(me, rng);
         else
             op_bad_unlock(me, held, rng);
     }
@@ -811,11 +806,6 @@ void Load::op_reopen(unsigned me, std::mt19937_64& rng)
         VQXSI_CloseSessionWithScanEngine(s.handle);
         return 0;
     });
-    {
-        std::lock_guard<std::mutex> hold(closed_mutex);
-        if (closed.size() < 64)
-            closed.push_back(s.handle);
-    }
     for (unsigned t = 0; t < clients.size(); ++t)
         s.starts[t] = 0;
     s.handle = call(me, "OpenSessionWithScanEngine", int(i), kCallBound,
@@ -909,35 +899,6 @@ void Load::op_storm(unsigned me, std::mt19937_64& rng)
             std::this_thread::sleep_for(std::chrono::microseconds(rng() % 3000));
         stop_started(me, i, "StopScanning (storm)");
     }
-}
-
-// A call with the handle of a session closed earlier: refused with EINVAL,
-// nothing else happens.
-void Load::op_stale_handle(unsigned me, std::mt19937_64& rng)
-{
-    VQXSI_HANDLE h = nullptr;
-    {
-        std::lock_guard<std::mutex> hold(closed_mutex);
-        if (closed.empty())
-            return;
-        h = closed[rng() % closed.size()];
-    }
-    // No reopen while the call runs (a new session may get the same address:
-    // then the handle is open again and is left alone).
-    std::vector<std::shared_lock<std::shared_mutex>> uses;
-    for (Slot& slot : slots) {
-        uses.emplace_back(slot.use);
-        if (slot.handle == h)
-            return;
-    }
-    ++count.stale_calls;
-    errno = 0;
-    const int what = int(rng() % 3);
-    const bool refused = what == 0   ? call(me, "GetNewScan (stale)", -1, kCallBound, [&] { return VQXSI_GetNewScan(h); }) == nullptr
-                         : what == 1 ? call(me, "StartScanning (stale)", -1, kCallBound, [&] { return VQXSI_StartScanning(h); }) == 0
-                                     : call(me, "StopScanning (stale)", -1, kCallBound, [&] { return VQXSI_StopScanning(h); }) == 0;
-    if (!refused || errno != EINVAL)
-        fail("a call with a closed session's handle was not refused with EINVAL");
 }
 
 } // namespace
