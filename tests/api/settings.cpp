@@ -90,21 +90,6 @@ TEST_F(Settings, TagsRoundTripWithTheirConversionsPerSession)
     EXPECT_EQ(100u, get_tag(a, ES_MAX_EXP));
     EXPECT_EQ(4294967040u, get_tag(a, ES_FIXED_GAIN_256));
 
-    // Conversions saturate instead of wrapping; unknown tags are skipped on
-    // set and read 0; a size counts whole pairs only.
-    const uint32_t extreme[] = {ES_MAX_EXP, 0xFFFFFFFFu, 99, 5, ES_TARGET_VALUE, 50, ES_TARGET_PERCENTILE, 60};
-    ASSERT_EQ(1, VQXSI_SetExposureSettings(a, extreme, 3 * 8 + 7));
-    EXPECT_EQ(4294967280u, get_tag(a, ES_MAX_EXP_US));
-    EXPECT_EQ(0u, get_tag(a, 99));
-    EXPECT_EQ(50u, get_tag(a, ES_TARGET_VALUE));
-    EXPECT_EQ(97u, get_tag(a, ES_TARGET_PERCENTILE));
-    uint32_t partial[] = {ES_TARGET_VALUE, 7, ES_TARGET_PERCENTILE, 7};
-    ASSERT_EQ(1, VQXSI_GetExposureSettings(a, partial, 12));
-    EXPECT_EQ(50u, partial[1]);
-    EXPECT_EQ(7u, partial[3]);
-    const uint32_t again[] = {ES_MAX_EXP_US, 12799, ES_TARGET_VALUE, 90};
-    ASSERT_EQ(1, VQXSI_SetExposureSettings(a, again, sizeof again));
-
     // The other session keeps its own settings.
     EXPECT_EQ(120u, get_tag(b, ES_TARGET_VALUE));
     EXPECT_NE(12799u, get_tag(b, ES_MAX_EXP_US));
