@@ -128,7 +128,6 @@ private:
         else
             sim->lose_held_frames();
     }
-    unsigned sim_buffers_out() const { return ledger->buffers_out(); }
     void quiet_point();
 
     // Clients.
@@ -141,6 +140,7 @@ private:
     void op_get_new_scan(unsigned me, std::vector<Held>& held, std::mt19937_64& rng);
     void give_back(unsigned me, Held item, std::mt19937_64& rng);
     void op_start(unsigned me, std::mt19937_64& rng);
+    bool start_one(unsigned me, unsigned i, const char* op);
     void op_stop(unsigned me, std::mt19937_64& rng);
     void stop_started(unsigned me, unsigned i, const char* op);
     void op_single_frame(unsigned me, std::vector<Held>& held, std::mt19937_64& rng);
@@ -206,8 +206,6 @@ void Load::build_engine()
         c.render = vqxsim::Render_mode::none;
         c.capture_mode = opt.capture_mode;
         c.seed = opt.seed;
-        if (const char* trace = std::getenv("VQX_STRESS_TRACE"))  // hardware-layer call trace for debugging
-            c.trace_file = trace;
         if (opt.fault("storm"))
             c.faults.storm = vqxsim::Trigger::with_probability(0.1);
         if (opt.fault("hwstall"))
@@ -228,7 +226,6 @@ void Load::build_engine()
         shared_sim = sim_client::kept_simulator(c);
         shared_sim->set_event_guard(robust::with_driver_monitor);
         shared_ledger = new Frame_ledger(*shared_sim);
-        vqxsim::set_instance_for_InitHWLayer(shared_sim->hwl());
     }
     sim = shared_sim;
     ledger = shared_ledger;
@@ -277,7 +274,7 @@ void Load::watchdog_failure(const std::string& what)
     std::fprintf(stderr, "  driver: %s\n", driver_state_or_deadlock().c_str());
     const vqxsim::Counters n = sim->counters();
     std::fprintf(stderr, "  hardware layer: %u buffers out, frames held %s, stop confirmation %s\n",
-                 sim_buffers_out(), holding() ? "on" : "off", sim->stop_pending() ? "pending" : "not pending");
+                 ledger->buffers_out(), holding() ? "on" : "off", sim->stop_pending() ? "pending" : "not pending");
     std::fprintf(stderr, "  frames: %llu delivered, %llu returned\n",
                  static_cast<unsigned long long>(n.frames_delivered), static_cast<unsigned long long>(n.frames_returned));
     std::fflush(stderr);
@@ -363,7 +360,7 @@ std::string Load::quiet_check(const char* where)
     // still arrives (where the engine fills buffers on its own) and goes
     // straight back, so the simulator's buffers are waited for too.
     const auto deadline = Clock::now() + std::chrono::milliseconds(kQuietStopBound);
-    const auto all_back = [this] { return sim_buffers_out() == 0 && ledger->all_returned(); };
+    const auto all_back = [this] { return ledger->buffers_out() == 0 && ledger->all_returned(); };
     robust::Driver_snapshot s = robust::snapshot();
     while (Clock::now() < deadline && (s.stream != IStream_driver::STOPPED || !all_back())) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -378,7 +375,7 @@ std::string Load::quiet_check(const char* where)
         e += "scanning count not zero; ";
     if (s.buffers.free != s.buffers.total)
         e += "a buffer is not free after every client gave its frames back; ";
-    const unsigned sim_out = sim_buffers_out();
+    const unsigned sim_out = ledger->buffers_out();
     if (sim_out != 0)
         e += std::to_string(sim_out) + " buffers armed or filled, not back with the hardware layer; ";
     const vqxsim::Counters n = sim->counters();
@@ -412,8 +409,6 @@ std::string Load::final_check()
     }
     if (!e.empty())
         return "after the last close: " + e;
-    if (sim_buffers_out() != 0)
-        return "after the last close: buffers not back with the hardware layer";
     return quiet_check("after the last close");
 }
 
@@ -719,17 +714,24 @@ void Load::give_back(unsigned me, Held item, std::mt19937_64& rng)
 void Load::op_start(unsigned me, std::mt19937_64& rng)
 {
     const unsigned i = unsigned(rng() % slots.size());
+    std::shared_lock<std::shared_mutex> use(slots[i].use);
+    if (slots[i].starts[me] < 2)
+        start_one(me, i, "StartScanning");
+}
+
+// Starts slot @p i (whose use lock the caller holds) for this client; true
+// when the start took.
+bool Load::start_one(unsigned me, unsigned i, const char* op)
+{
     Slot& s = slots[i];
-    std::shared_lock<std::shared_mutex> use(s.use);
-    if (s.starts[me] >= 2)
-        return;
     // A failed start undoes itself with a stop, which may take frames back.
     std::unique_lock<std::shared_mutex> lock(reclaim);
     ++epoch;
-    if (call(me, "StartScanning", int(i), bound_for(i), [&] { return VQXSI_StartScanning(s.handle); }) == 1) {
-        ++s.starts[me];
-        ++count.starts;
-    }
+    if (call(me, op, int(i), bound_for(i), [&] { return VQXSI_StartScanning(s.handle); }) != 1)
+        return false;
+    ++s.starts[me];
+    ++count.starts;
+    return true;
 }
 
 void Load::op_stop(unsigned me, std::mt19937_64& rng)
@@ -887,14 +889,8 @@ void Load::op_storm(unsigned me, std::mt19937_64& rng)
     for (unsigned k = 0; k < n && !stop; ++k) {
         if (s.starts[me] >= 2)
             break;
-        {
-            std::unique_lock<std::shared_mutex> lock(reclaim);
-            ++epoch;
-            if (call(me, "StartScanning (storm)", int(i), bound_for(i), [&] { return VQXSI_StartScanning(s.handle); }) != 1)
-                continue;
-            ++s.starts[me];
-            ++count.starts;
-        }
+        if (!start_one(me, i, "StartScanning (storm)"))
+            continue;
         if (rng() % 2)
             std::this_thread::sleep_for(std::chrono::microseconds(rng() % 3000));
         stop_started(me, i, "StopScanning (storm)");
