@@ -86,7 +86,6 @@ Engine& engine()
         made->ledger = new Frame_ledger(*made->sim);
         if (const char* f = std::getenv("VQX_FUZZ_FAULTS"))
             made->faults = f;
-        vqxsim::set_instance_for_InitHWLayer(made->sim->hwl());
         made->pump = std::thread([made] {
             while (!made->quit) {
                 // Captures still armed when a stream stops complete, as on

@@ -29,14 +29,10 @@ inline vqxsim::Simulator& sim()
         config.engine_id = 0x00007710;
         config.revision_low = 7;
         config.revision_high = 3;
-        if (const char* trace = std::getenv("VQX_API_TEST_TRACE"))  // hardware-layer call trace for debugging
-            config.trace_file = trace;
         // Like real transfer hardware, the stop is confirmed a little later: a
         // single-image scan's frame reaches the client before the stream ends.
         config.faults.defer_stop_ms = 5;
-        vqxsim::Simulator* made = sim_client::kept_simulator(config);
-        vqxsim::set_instance_for_InitHWLayer(made->hwl());
-        return made;
+        return sim_client::kept_simulator(config);
     }();
     return *instance;
 }

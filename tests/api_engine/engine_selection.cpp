@@ -120,7 +120,6 @@ TEST(EngineSelection, FailedStartUpsAreRetriedUntilASupportedEngineStartsTheDriv
     config.fps = 120.0;
     config.render = vqxsim::Render_mode::fast;
     vqxsim::Simulator* sim = sim_client::kept_simulator(config);  // the driver keeps it until exit
-    vqxsim::set_instance_for_InitHWLayer(sim->hwl());
     VQXSI_HANDLE h = VQXSI_OpenSessionWithScanEngine();
     ASSERT_NE(nullptr, h);
     ASSERT_EQ(1, VQXSI_StartScanning(h));

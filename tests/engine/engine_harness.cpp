@@ -212,13 +212,8 @@ class EngineHarness : public testing::TestWithParam<Case> {
 protected:
     void SetUp() override
     {
-        // The driver keeps the hardware layer it first started with: only the
-        // first case of a process can be run faithfully.
-        static std::string first;
-        const std::string name = GetParam().name();
-        if (first.empty())
-            first = name;
-        if (first != name)
+        const std::string first = sim_client::first_case(GetParam().name());
+        if (first != GetParam().name())
             GTEST_SKIP() << "run each case in its own process (ctest does): the driver started with " << first;
         const Case& c = GetParam();
         vqxsim::Config config;
@@ -237,7 +232,6 @@ protected:
         std::string error;
         ASSERT_TRUE(config.faults.parse(c.faults, &error)) << error;
         sim = sim_client::kept_simulator(config);
-        vqxsim::set_instance_for_InitHWLayer(sim->hwl());
     }
     void TearDown() override
     {

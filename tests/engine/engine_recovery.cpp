@@ -38,9 +38,7 @@ vqxsim::Simulator* start_sim(const char* engine, const char* faults)
     config.capture_mode = 3;
     std::string error;
     EXPECT_TRUE(config.faults.parse(faults, &error)) << error;
-    vqxsim::Simulator* sim = sim_client::kept_simulator(config);
-    vqxsim::set_instance_for_InitHWLayer(sim->hwl());
-    return sim;
+    return sim_client::kept_simulator(config);
 }
 
 size_t count(const std::string& text, const std::string& part)

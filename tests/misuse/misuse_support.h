@@ -34,9 +34,7 @@ inline vqxsim::Simulator& sim()
         config.buffers = 4;
         config.render = vqxsim::Render_mode::none;
         config.seed = 7;
-        vqxsim::Simulator* made = sim_client::kept_simulator(config);
-        vqxsim::set_instance_for_InitHWLayer(made->hwl());
-        return made;
+        return sim_client::kept_simulator(config);
     }();
     return *instance;
 }

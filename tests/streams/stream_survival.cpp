@@ -62,26 +62,17 @@ class StreamSurvival : public testing::TestWithParam<Case> {
 protected:
     void SetUp() override
     {
-        static std::string first;
-        std::string name;
-        {
-            std::ostringstream os;
-            PrintTo(GetParam(), &os);
-            name = os.str();
-        }
-        if (first.empty())
-            first = name;
-        if (first != name)
+        std::ostringstream name;
+        PrintTo(GetParam(), &name);
+        const std::string first = sim_client::first_case(name.str());
+        if (first != name.str())
             GTEST_SKIP() << "run each case in its own process (ctest does): the driver started with " << first;
         vqxsim::Config config;
         config.fps = 120.0;
         config.buffers = kBuffers;
         config.render = vqxsim::Render_mode::fast;
         config.capture_mode = GetParam().mode;
-        if (const char* trace = std::getenv("VQX_TEST_TRACE"))  // hardware-layer call trace for debugging
-            config.trace_file = trace;
         sim = sim_client::kept_simulator(config);
-        vqxsim::set_instance_for_InitHWLayer(sim->hwl());
     }
     void TearDown() override
     {

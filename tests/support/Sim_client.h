@@ -24,21 +24,37 @@
 
 namespace sim_client {
 
-/// A simulator built from @p config and kept for the life of the process;
-/// a configuration the simulator refuses ends the process.
-inline vqxsim::Simulator* kept_simulator(const vqxsim::Config& config)
+/// A simulator built from @p config, installed as the hardware layer the
+/// driver loads at its first open, and kept for the life of the process; a
+/// configuration the simulator refuses ends the process. VQXSIM_TRACE names
+/// a file for the hardware-layer call trace, as for the simulator the driver
+/// builds from the environment.
+inline vqxsim::Simulator* kept_simulator(vqxsim::Config config)
 {
+    if (const char* trace = std::getenv("VQXSIM_TRACE"))
+        config.trace_file = trace;
     std::string error;
     std::unique_ptr<vqxsim::Simulator> made = vqxsim::Simulator::create(config, &error);
     if (!made) {
         std::fprintf(stderr, "simulator: %s\n", error.c_str());
         std::abort();
     }
+    vqxsim::set_instance_for_InitHWLayer(made->hwl());
     // Never destroyed (the driver keeps its hardware layer until the process
     // ends), but kept reachable so that leak checkers see it is still owned.
     static auto* kept = new std::vector<std::unique_ptr<vqxsim::Simulator>>;
     kept->push_back(std::move(made));
     return kept->back().get();
+}
+
+/// The name of the first case this process ran (@p name for the first
+/// caller). The driver keeps the engine its first case started, so a case
+/// of another name cannot run faithfully in the same process; ctest runs
+/// each case alone.
+inline std::string first_case(const std::string& name)
+{
+    static const std::string first = name;
+    return first;
 }
 
 /// Polls @p pred every 2 ms until it holds or @p ms pass; its last value.
