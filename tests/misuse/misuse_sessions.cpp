@@ -17,11 +17,6 @@ unsigned scan_locks(VQXSI_HANDLE h)
 
 TEST_F(Misuse_test, OpenAndClose)
 {
-    // Close of a null handle does nothing, sets nothing.
-    mark_errno();
-    VQXSI_CloseSessionWithScanEngine(nullptr);
-    EXPECT_EQ(errno, 12345);
-
     // Opens and closes a hundred times: every close of the last session
     // powers the engine off again, nothing is left behind.
     for (int i = 0; i < 100; ++i) {
@@ -71,9 +66,6 @@ TEST_F(Misuse_test, CloseWhileAnotherThreadWaitsForAFrame)
 
 TEST_F(Misuse_test, StartAndStop)
 {
-    EXPECT_EINVAL(VQXSI_StartScanning(nullptr), 0);
-    EXPECT_EINVAL(VQXSI_StopScanning(nullptr), 0);
-
     Session s;
     // Stop without start: 0, errno untouched.
     EXPECT_ERRNO_KEPT(VQXSI_StopScanning(s), 0);
@@ -137,8 +129,6 @@ TEST_F(Misuse_test, StopsConfirmedLateOrNever)
 
 TEST_F(Misuse_test, GetSingleFrame)
 {
-    EXPECT_EINVAL(VQXSI_GetSingleFrame(nullptr), nullptr);
-
     // The stop the single image triggers is confirmed once the call has
     // returned (a stop completed before the client took the frame is
     // another test's subject).

@@ -1,7 +1,8 @@
 // Support for the misuse suite: the exported functions called the wrong way
 // on the simulated engine, whose faults a test switches while the driver
 // runs: hold frames back, fail the engine's start, hold back stop
-// confirmations.
+// confirmations. Handles that are no open session (NULL, closed, never
+// opened) are the stale-handle cases' subject (tests/streams).
 //
 // The program links the static driver core, so that a test can look at the
 // driver's records (buffer census, counts, power) after each misuse. One
