@@ -1,5 +1,5 @@
 // Test bed for the stream driver, the sensor and the state manager: a
-// Fake_hwl with three 8 x 12 frames (handles 101-103), a Script_trait, a
+// Fake_hwl with three 8 x 12 frames (handles 101-103), a Fake_trait, a
 // recording exposure controller, the real Sensor, Buffer_locker,
 // Available_buffer, Progress_tracker, Stream_driver (built per test with its
 // capture mode) and State_manager, wired into a private Scan_driver that
@@ -20,11 +20,38 @@
 #include "Available_buffer.h"
 #include "Buffer_locker.h"
 #include "Progress_tracker.h"
-#include "Script_trait.h"
+#include "Exposure_controller.h"
+#include "Fake_trait.h"
 #include "Sensor.h"
 #include "State_manager.h"
 #include "Stream_driver.h"
 #include "test_scope.h"
+
+// An exposure controller that records "sample_reset(w,h)",
+// "sample_pixels(n)" and "sample_wv" and answers `white`; image_at_sample is
+// the image the sampler of the exposure mode held at the last sample_pixels.
+class Script_controller : public Exposure_controller_base {
+public:
+    explicit Script_controller(Call_log& calls) : log(calls) {}
+    void sample_reset(unsigned w, unsigned h) override
+    {
+        log.record("sample_reset(%u,%u)", w, h);
+        Exposure_controller_base::sample_reset(w, h);
+    }
+    void sample_pixels(unsigned rows) override
+    {
+        log.record("sample_pixels(%u)", rows);
+        image_at_sample = settings.mode == 2 ? ae_sampler.image : cs_sampler.image;
+    }
+    unsigned sample_wv() override
+    {
+        log.record("sample_wv");
+        return white;
+    }
+    Call_log& log;
+    std::atomic<unsigned> white{100};
+    std::atomic<const unsigned char*> image_at_sample{nullptr};
+};
 
 class Stream_test : public ::testing::Test {
 protected:
@@ -172,7 +199,7 @@ protected:
 
     Output_capture output;
     Fake_hwl hwl;
-    Script_trait trait;
+    Fake_trait trait;
     Script_controller controller;
     Sensor sensor;
     Buffer_locker locker{&sensor};

@@ -4,10 +4,15 @@
 // hardware layer's Call_log (lower-case names, e.g. "trigger_on",
 // "init_capture(101)", "update_contrast(120,500)"); initialising,
 // deinitialising and the starting exposure return settable results, the
-// rest succeed (contrast 1000 = exposure 100 x gain 10). get_image_buffers and register_frame_notifications forward to the
-// Fake_hwl as engine traits do; the base behaviours (start/stop scanning,
-// check_stall, release_buffer, ...) are inherited untouched, so their calls
-// show up as the trait's and the hardware layer's entries in one log.
+// rest succeed (contrast 1000 = exposure 100 x gain 10). The snapshot, the
+// frame's exposure point and the two-argument starting exposure
+// ("set_starting_exposure_gain(e)") are recorded too, and the resume time is
+// long enough that no stall alarm disturbs an exact call sequence.
+// get_image_buffers and register_frame_notifications forward to the
+// Fake_hwl as engine traits do; the other base behaviours (start/stop
+// scanning, check_stall, release_buffer, ...) are inherited untouched, so
+// their calls show up as the trait's and the hardware layer's entries in
+// one log.
 // Capabilities come from the Fake_hwl's geometry at construction (call
 // set_buffers first).
 #ifndef VQX_TESTS_FAKE_TRAIT_H
@@ -38,7 +43,14 @@ public:
         contrast = starting_contrast;
         return starting_result;
     }
-    using Sensor_trait::set_starting_exposure_gain;
+    bool set_starting_exposure_gain(unsigned int exposure, unsigned int& contrast) override
+    {
+        log.record("set_starting_exposure_gain(%u)", exposure);
+        return Sensor_trait::set_starting_exposure_gain(exposure, contrast);
+    }
+    void start_snapshot() override { log.record("start_snapshot"); }
+    void exposure_frame() override { log.record("exposure_frame"); }
+    unsigned int GetMaxResumeTime() override { return 60000; }
     bool update_contrast(unsigned int white, unsigned int contrast, unsigned int& new_contrast) override
     {
         log.record("update_contrast(%u,%u)", white, contrast);
