@@ -149,18 +149,6 @@ TEST(SimFaults, StallAfterFramesAndTheDriversRecovery)
     EXPECT_EQ(4u, sim->buffers_in(Buffer_state::free));
 }
 
-TEST(SimFaults, FirstFrameDelay)
-{
-    auto sim = make_sim(step_config("first_frame_delay=60"));
-    Vsync_log log;
-    start_streaming(*sim->hwl(), log);
-    ASSERT_TRUE(sim->hwl()->InitCapture(H0));
-    EXPECT_EQ(0u, sim->step(1, 10));
-    EXPECT_EQ(1u, sim->step(1, 2000));
-    ASSERT_TRUE(sim->hwl()->InitCapture(H0));
-    EXPECT_EQ(1u, sim->step(1, 40)) << "only the first frame of a stream is late";
-}
-
 namespace {
 
 // Median gap between consecutive frames in real time, in microseconds, with
