@@ -1,29 +1,27 @@
-// Test bed for the stream driver, the sensor and the state manager: a
-// Fake_hwl with three 8 x 12 frames (handles 101-103), a Fake_trait, a
-// recording exposure controller, the real Sensor, Buffer_locker,
-// Available_buffer, Progress_tracker, Stream_driver (built per test with its
-// capture mode) and State_manager, wired into a private Scan_driver that
-// the_scan_driver points at. dbg_output texts are collected by an Output_capture. TearDown stops
-// a running scan and checks that every buffer the driver armed or received
-// went back to the hardware layer.
+// Test bed for the stream driver and the sensor: a Fake_hwl with three
+// 8 x 12 frames (handles 101-103), a Fake_trait, a recording exposure
+// controller, the real Sensor, Buffer_locker, Available_buffer,
+// Progress_tracker and Stream_driver (built per test with its capture mode),
+// wired into a private Scan_driver that the_scan_driver points at. dbg_output
+// texts are collected by an Output_capture. TearDown stops a running scan
+// and checks that every buffer the driver armed or received went back to the
+// hardware layer.
 #ifndef VQX_TESTS_STREAM_FIXTURE_H
 #define VQX_TESTS_STREAM_FIXTURE_H
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Available_buffer.h"
 #include "Buffer_locker.h"
-#include "Progress_tracker.h"
 #include "Exposure_controller.h"
 #include "Fake_trait.h"
+#include "Progress_tracker.h"
 #include "Sensor.h"
-#include "State_manager.h"
+#include "Sim_client.h"
 #include "Stream_driver.h"
 #include "test_scope.h"
 
@@ -74,7 +72,6 @@ protected:
             stop_and_drain();
             expect_buffers_returned();
         }
-        state_manager.reset();
         stream.reset();  // cancels its alarms before the_scan_driver changes
         scope.reset();
     }
@@ -85,11 +82,6 @@ protected:
         scope->driver.stream_driver = stream.get();
         trait.register_frame_notifications(&IStream_driver::vsync_ist,
                                            static_cast<IStream_driver*>(stream.get()));
-    }
-    void make_state_manager()
-    {
-        state_manager.reset(new State_manager());
-        scope->driver.state_manager = state_manager.get();
     }
     // Builds the stream driver and starts a scan; the log holds the start.
     void start(unsigned int mode, bool stop_after_image = false)
@@ -123,30 +115,10 @@ protected:
     }
     bool wait_for_call(const std::string& entry, unsigned ms = 2000)
     {
-        return wait_until([&] { return hwl.log.count(entry) > 0; }, ms);
-    }
-    template <class F>
-    static bool wait_until(F done, unsigned ms = 2000)
-    {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > end)
-                return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return true;
-    }
-
-    // Runs @p f with the sensor's monitor held and returns its result.
-    template <class F>
-    auto locked(F f) -> decltype(f())
-    {
-        auto lock = vsensor().get_lock();
-        return f();
+        return sim_client::wait_until([&] { return hwl.log.count(entry) > 0; }, ms);
     }
 
     IStream_driver::Scan_state_t state() { return stream->scan_state(); }
-    bool stalled() { return stream->stalled(); }
     Stream_driver volatile& vstream() { return *stream; }
     Available_buffer volatile& vavailable() { return available; }
     Buffer_locker volatile& vlocker() { return locker; }
@@ -206,7 +178,6 @@ protected:
     Available_buffer available{sensor.monitor_base()};
     Progress_tracker tracker;
     std::unique_ptr<Stream_driver> stream;
-    std::unique_ptr<State_manager> state_manager;
     std::unique_ptr<Driver_scope> scope;
     _tagVQX_SCANNER_LIGHTING lights{};
     Exposure_settings exposure;
