@@ -28,9 +28,9 @@
 // An exposure controller that records "sample_reset(w,h)",
 // "sample_pixels(n)" and "sample_wv" and answers `white`; image_at_sample is
 // the image the sampler of the exposure mode held at the last sample_pixels.
-class Script_controller : public Exposure_controller_base {
+class Recording_controller : public Exposure_controller_base {
 public:
-    explicit Script_controller(Call_log& calls) : log(calls) {}
+    explicit Recording_controller(Call_log& calls) : log(calls) {}
     void sample_reset(unsigned w, unsigned h) override
     {
         log.record("sample_reset(%u,%u)", w, h);
@@ -172,7 +172,7 @@ protected:
     Output_capture output;
     Fake_hwl hwl;
     Fake_trait trait;
-    Script_controller controller;
+    Recording_controller controller;
     Sensor sensor;
     Buffer_locker locker{&sensor};
     Available_buffer available{sensor.monitor_base()};
