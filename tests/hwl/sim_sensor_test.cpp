@@ -7,16 +7,89 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
 
 #define ZX_USE_UTF8 1
 #include <ZXing/ReadBarcode.h>
 
 #include "Simulator.h"
-#include "sim_harness.h"
-
-using namespace simtest;
 
 namespace {
+
+/// Records the handles of vsync callbacks.
+struct Vsync_log {
+    std::mutex mutex;
+    std::vector<int> handles;
+
+    static void callback(int handle, void* context)
+    {
+        auto* log = static_cast<Vsync_log*>(context);
+        std::lock_guard<std::mutex> hold(log->mutex);
+        log->handles.push_back(handle);
+    }
+};
+
+/// A step-mode configuration.
+vqxsim::Config step_config(vqxsim::Render_mode render = vqxsim::Render_mode::fast)
+{
+    vqxsim::Config c;
+    c.real_time = false;
+    c.render = render;
+    return c;
+}
+
+std::unique_ptr<vqxsim::Simulator> make_sim(const vqxsim::Config& c)
+{
+    std::string error;
+    std::unique_ptr<vqxsim::Simulator> sim = vqxsim::Simulator::create(c, &error);
+    EXPECT_TRUE(sim) << error;
+    return sim;
+}
+
+IHwl::Image_buffer_pointers* buffers(IHwl& hwl)
+{
+    uint64_t n = 0;
+    return hwl.GetImageBuffers(n);
+}
+
+bool write16(IHwl& hwl, unsigned address, uint16_t value) { return hwl.WriteReg(address, &value, 2); }
+
+uint16_t read16(IHwl& hwl, unsigned address)
+{
+    uint16_t v = 0xDEAD;
+    EXPECT_TRUE(hwl.ReadReg(address, &v, 2)) << std::hex << address;
+    return v;
+}
+
+/// Supply, wake, PLL and exposure as the engine's table sets them, vsync
+/// registration, transfer start and streaming.
+void start_streaming(IHwl& hwl, Vsync_log& log, uint16_t rows = 50, uint16_t analog_gain = 0)
+{
+    ASSERT_TRUE(hwl.ImagerPowerOn());
+    ASSERT_TRUE(hwl.ImagerPowerUp());
+    uint16_t pll[] = {4, 2, 1, 0x4A};  // 0x302A, 0x302C, 0x302E, 0x3030: 74 MHz
+    ASSERT_TRUE(hwl.WriteReg(0x302A, pll, sizeof pll));
+    ASSERT_TRUE(write16(hwl, 0x300C, 1492));
+    ASSERT_TRUE(write16(hwl, 0x3012, rows));
+    ASSERT_TRUE(write16(hwl, 0x3014, 0));
+    ASSERT_TRUE(write16(hwl, 0x3060, analog_gain));
+    ASSERT_TRUE(hwl.RegisterVsyncNotification(&Vsync_log::callback, &log));
+    ASSERT_TRUE(hwl.StartScanning());
+    ASSERT_TRUE(write16(hwl, 0x301A, 0x30DC));
+}
+
+/// Arms buffer @p index and steps one frame; returns the frame's image.
+const unsigned char* capture(vqxsim::Simulator& sim, unsigned index = 0)
+{
+    IHwl::Image_buffer_pointers* b = buffers(*sim.hwl());
+    EXPECT_TRUE(sim.hwl()->InitCapture(b[index].handle));
+    EXPECT_EQ(1u, sim.step(1));
+    return b[index].image;
+}
+
 
 constexpr unsigned W = 1280, H = 800;
 
