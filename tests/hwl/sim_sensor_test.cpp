@@ -180,6 +180,10 @@ TEST(SimAR0144, RegisterSemantics)
     EXPECT_EQ(0x0010, read16(hwl, 0x3012));
     EXPECT_EQ(0x0002, read16(hwl, 0x303C) & 0x000A);
     EXPECT_EQ(0, read16(hwl, 0x303A));
+    // A sensor that does not stream fills no buffer, armed or not.
+    hwl.ReleaseBuffer(0x1001);
+    ASSERT_TRUE(hwl.InitCapture(0x1001));
+    EXPECT_EQ(0u, sim->step(1, 20));
 }
 
 TEST(SimAR0144, ExposureAndGainTakeEffectTwoFramesAfterTheWrite)
