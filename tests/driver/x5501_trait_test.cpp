@@ -80,6 +80,36 @@ TEST(X5501Trait, GainAndRowsAreWhatTheSensorApplies)
     }
 }
 
+TEST(X5501Trait, AutoExposureScalesTheContrastByTheWhiteValue)
+{
+    // A frame at the target keeps exposure x gain, a saturated one quarters
+    // it, a black one quadruples it, half the target doubles it; below the
+    // shortest exposure time the gain goes down instead. What the sensor
+    // then holds (rows x applied gain) is the new contrast.
+    struct Row { unsigned white, contrast; double factor; };
+    const Row rows[] = {
+        {120, 400 * 512, 1.0}, {255, 400 * 512, 0.25}, {0, 400 * 512, 4.0}, {60, 400 * 512, 2.0}, {255, 60 * 512, 0.25},
+    };
+    X5501_on_sim x;
+    const auto sensor_contrast = [&x] {
+        const uint16_t code = x.sim->reg(0x305E);
+        return x.sim->reg(0x3012) * double(unsigned(code & 63) << ((code >> 6) & 3)) / 64.0 * 512.0;
+    };
+    ASSERT_EQ(120u, x.controller.settings.target_value);
+    for (const Row& r : rows) {
+        SCOPED_TRACE("white " + std::to_string(r.white) + " contrast " + std::to_string(r.contrast));
+        unsigned contrast = 0;
+        ASSERT_TRUE(x.trait->update_contrast(r.white, r.contrast, contrast));
+        EXPECT_NEAR(r.contrast * r.factor, contrast, r.contrast * r.factor / 20);
+        EXPECT_NEAR(contrast, sensor_contrast(), contrast / 16.0);
+    }
+    // Fixed exposure: the fixed values are programmed whatever the frame.
+    x.controller.settings.mode = 0;
+    unsigned fixed = 0;
+    ASSERT_TRUE(x.trait->update_contrast(255, 400 * 512, fixed));
+    EXPECT_NEAR(fixed, sensor_contrast(), fixed / 16.0);
+}
+
 TEST(X5501Trait, StandbyIsLeftThrough0x28FirstThen0x54AndStopsFrames)
 {
     X5501_on_sim x;
