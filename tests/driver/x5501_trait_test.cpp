@@ -23,10 +23,11 @@ namespace {
 constexpr uint8_t kStreaming = 0x31, kStandby = 0x52;
 
 struct X5501_on_sim {
-    explicit X5501_on_sim(const std::string& faults = "", unsigned command_ms = 2)
+    explicit X5501_on_sim(const std::string& faults = "", unsigned command_ms = 2, bool psoc = true)
     {
         vqxsim::Config config;
         config.engine = "X5501";
+        config.psoc_fitted = psoc;
         config.real_time = false;
         config.command_ms = command_ms;
         config.boot_ms = 5;
@@ -108,6 +109,24 @@ TEST(X5501Trait, AutoExposureScalesTheContrastByTheWhiteValue)
     unsigned fixed = 0;
     ASSERT_TRUE(x.trait->update_contrast(255, 400 * 512, fixed));
     EXPECT_NEAR(fixed, sensor_contrast(), fixed / 16.0);
+}
+
+TEST(X5501Trait, IdleLightsAreOnAfterPowerUpAndAfterAScan)
+{
+    const _tagVQX_SCANNER_LIGHTING lights{28, 5, 1, 0, 100, 100, 0};  // idle: the aimer
+    for (bool psoc : {true, false}) {
+        SCOPED_TRACE(psoc ? "PSoC" : "no PSoC");
+        X5501_on_sim x("", 2, psoc);
+        x.trait->change_lights(lights);
+        x.trait->power_off();
+        ASSERT_FALSE(x.sim->aimer());
+        ASSERT_TRUE(x.trait->power_up_init());
+        EXPECT_TRUE(x.sim->aimer()) << "after power-up";
+        x.trait->trigger_on();
+        x.trait->trigger_off();
+        EXPECT_TRUE(x.trait->deinitialize_scanning());
+        EXPECT_TRUE(x.sim->aimer()) << "after the scan";
+    }
 }
 
 TEST(X5501Trait, StandbyIsLeftThrough0x28FirstThen0x54AndStopsFrames)
