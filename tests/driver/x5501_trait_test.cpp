@@ -47,6 +47,14 @@ struct X5501_on_sim {
         return static_cast<uint8_t>(sim->reg(0xDC00) & 0xFF);
     }
 
+    /// The gain (1/512) the sensor applies: a 6-bit mantissa of gain / 8 and
+    /// a 2-bit shift in its gain register.
+    double applied_gain() const
+    {
+        const uint16_t code = sim->reg(0x305E);
+        return double(unsigned(code & 63) << ((code >> 6) & 3)) / 64.0 * 512.0;
+    }
+
     Driver_scope scope;
     std::unique_ptr<vqxsim::Simulator> sim;
     std::unique_ptr<Hwl_logging_x5501> hwl;
@@ -73,7 +81,7 @@ TEST(X5501Trait, GainAndRowsAreWhatTheSensorApplies)
         EXPECT_EQ(r.rows, x.sim->reg(0x3012));
         EXPECT_EQ(r.frame_length, x.sim->reg(0x300A));
         const uint16_t code = x.sim->reg(0x305E);
-        const double applied = double(unsigned(code & 63) << ((code >> 6) & 3)) / 64.0 * 512.0;
+        const double applied = x.applied_gain();
         EXPECT_LE(applied, r.gain);
         EXPECT_GT(applied, r.gain - std::max(r.gain / 32.0, 8.0));
         // Round trip: the register's own gain encodes to the same register.
@@ -92,10 +100,7 @@ TEST(X5501Trait, AutoExposureScalesTheContrastByTheWhiteValue)
         {120, 400 * 512, 1.0}, {255, 400 * 512, 0.25}, {0, 400 * 512, 4.0}, {60, 400 * 512, 2.0}, {255, 60 * 512, 0.25},
     };
     X5501_on_sim x;
-    const auto sensor_contrast = [&x] {
-        const uint16_t code = x.sim->reg(0x305E);
-        return x.sim->reg(0x3012) * double(unsigned(code & 63) << ((code >> 6) & 3)) / 64.0 * 512.0;
-    };
+    const auto sensor_contrast = [&x] { return x.sim->reg(0x3012) * x.applied_gain(); };
     ASSERT_EQ(120u, x.controller.settings.target_value);
     for (const Row& r : rows) {
         SCOPED_TRACE("white " + std::to_string(r.white) + " contrast " + std::to_string(r.contrast));
