@@ -222,8 +222,14 @@ Scan_driver* the_scan_driver = &the_scan_driver_object;
 
 Scan_driver::~Scan_driver()
 {
+    // No vsync reaches the stream driver from here on. Every alarm runs on
+    // the sensor monitor's timer and calls into the parts destroyed below (a
+    // sleep alarm may be waiting for a stop the hardware has not confirmed):
+    // end that thread before any of them goes.
     if (trait && stream_driver)
         trait->register_frame_notifications(ignore_frame, nullptr);
+    if (sensor)
+        sensor->monitor_base().end_alarms();
     destroy(stream_driver);
     destroy(buffer_locker);
     destroy(available_buffer);

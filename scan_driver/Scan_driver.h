@@ -5,6 +5,9 @@
 // session open. Every driver object reaches its peers through these fields.
 // Fields are listed in the order start-up builds them; pointers are owning
 // (the destructor tears them down in its own order, see Scan_driver.cpp).
+// At process exit with sessions still open, the destructor first stops
+// vsyncs and ends the alarm thread; an alarm waiting for a stop the
+// engine never confirms holds the exit up to that wait's 2 s bound.
 //
 // Unit tests may build their own Scan_driver with fakes and point
 // `the_scan_driver` at it for the duration of a test.

@@ -183,6 +183,12 @@ Monitor_base::Monitor_base()
 
 Monitor_base::~Monitor_base()
 {
+    end_alarms();
+    delete mutex;
+}
+
+void Monitor_base::end_alarms()
+{
     // The timer pointer is read inside the monitor (it is set there); the
     // timer itself stays registered until its thread has ended, so that a
     // callback still running cannot create a second one.
@@ -191,10 +197,13 @@ Monitor_base::~Monitor_base()
         t = timer;
         leave();
     }
-    if (t)
-        internal::delete_timer(t);
-    timer = nullptr;
-    delete mutex;
+    if (!t)
+        return;
+    internal::delete_timer(t);
+    if (enter(MT_INFINITE)) {
+        timer = nullptr;
+        leave();
+    }
 }
 
 Monitor_base* Monitor_base::enter(unsigned ms) volatile

@@ -353,6 +353,12 @@ public:
 
     /// This monitor's timer, created on first use.
     internal::Timer* get_timer();
+    /// Ends the timer thread, after the callback it may be running (a
+    /// callback waiting inside the monitor ends by its own bound), and
+    /// detaches the alarms still set. Call before destroying what the
+    /// callbacks use; an alarm set later starts a new timer. Not from a
+    /// callback, nor while holding the monitor.
+    void end_alarms();
 
     /// Alarm calling fn() at the absolute tick @p due_ms, then every
     /// @p period_ms (0: once).

@@ -1,4 +1,6 @@
 // Misuse of the session functions: open, close, start, stop, single frame.
+#include <cstdlib>
+#include <cstring>
 #include <thread>
 
 #include "misuse_support.h"
@@ -125,6 +127,30 @@ TEST_F(Misuse_test, StopsConfirmedLateOrNever)
     start = std::chrono::steady_clock::now();
     s.close();
     EXPECT_LT(elapsed_ms(start), 2000 + 3000);
+}
+
+TEST_F(Misuse_test, ExitWithAStopPendingEndsTheSleepAlarmFirst)
+{
+    // The application exits with a session open, its stop never confirmed
+    // and the sleep alarm waiting for that stop: the driver is torn down
+    // after the alarm has given up. Any report the driver makes while it is
+    // torn down ends the process with code 3.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            set_dbg_output_hook([](const char* text) {
+                if (std::strstr(text, "Assertion"))
+                    std::_Exit(3);
+            });
+            confirm_stops_after(5, true);
+            Session s;
+            VQXSI_SetSleepTimeout(s, 1);
+            first_frame(s);
+            VQXSI_StopScanning(s);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST_F(Misuse_test, GetSingleFrame)

@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include <VQXScanInterface.h>
@@ -83,13 +84,19 @@ std::string exposure(VQXSI_HANDLE h, Pick&& pick, bool conformity = false)
 
 /// VQXSI_SetSleepTimeout and VQXSI_GetSleepTimeout on the session or (one
 /// time in three) on the default; the default reads back what was set.
+/// The default is one value for the process: callers on several threads
+/// set and read it back one pair at a time.
 template <class Pick>
 std::string sleep_timeout(VQXSI_HANDLE h, Pick&& pick)
 {
     static const uint32_t values[] = {0, 0, 1, 5, 30, 200, 0xFFFFFFFFu};
+    static std::mutex default_pair;
     const uint32_t ms = values[pick(7)];
-    if (pick(3) == 0)
+    std::unique_lock<std::mutex> hold(default_pair, std::defer_lock);
+    if (pick(3) == 0) {
         h = nullptr;
+        hold.lock();
+    }
     if (VQXSI_SetSleepTimeout(h, ms) != 1)
         return "VQXSI_SetSleepTimeout failed";
     uint32_t back = 0;
