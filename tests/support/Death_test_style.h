@@ -16,4 +16,12 @@ inline void set_death_test_style()
     GTEST_FLAG_SET(death_test_style, style && *style ? style : "threadsafe");
 }
 
+/// True when death tests fork: their child then has only the forking thread
+/// (no simulator frame thread, no driver timer).
+inline bool death_tests_fork()
+{
+    set_death_test_style();
+    return GTEST_FLAG_GET(death_test_style) == "fast";
+}
+
 #endif
