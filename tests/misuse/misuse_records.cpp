@@ -1,6 +1,7 @@
-// Misuse of the record functions: lights, exposure settings and mode,
-// engine properties, revision and sleep time-out. Sizes 0, 1, 7, just under
-// and just over the record, and very large.
+// Misuse of the record functions: lights, exposure settings, engine
+// properties, revision and sleep time-out. Sizes 0, 1, 7, just under and
+// just over the record, and very large. (Any exposure mode, known or not,
+// set while frames flow is the stress load's subject.)
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -159,24 +160,6 @@ TEST_F(Misuse_test, ExposureSettings)
     EXPECT_EQ(setting(s, ES_MAX_GAIN_256), 4294967040u);
     void* frame = VQXSI_GetNewScan(s);
     EXPECT_NE(frame, nullptr);
-}
-
-TEST_F(Misuse_test, SetExposureMode)
-{
-    Session s;
-    const uint32_t target = setting(s, ES_TARGET_VALUE);
-    ASSERT_TRUE(frames_flow(s));
-    for (uint32_t mode : {0u, 1u, 3u, 4u, 1000u, kHuge, 2u}) {
-        mark_errno();
-        EXPECT_EQ(VQXSI_SetExposureMode(s, mode), 1) << "mode " << mode;
-        EXPECT_EQ(errno, 12345);
-        void* frame = VQXSI_GetNewScan(s);
-        EXPECT_NE(frame, nullptr) << "mode " << mode;
-        if (frame) {
-            EXPECT_EQ(VQXSI_UnlockBuffer(s, frame), 1);
-        }
-    }
-    EXPECT_EQ(setting(s, ES_TARGET_VALUE), target) << "the other settings are kept";
 }
 
 TEST_F(Misuse_test, GetScanEnginePropertiesEx)
