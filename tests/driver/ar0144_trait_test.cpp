@@ -1,149 +1,75 @@
-// AR0144_trait against a recording hardware layer.
+// AR0144_trait on the simulated AR0144 of the X7710 engine: what the
+// end-to-end harness cannot reach. Power states and what a power-up
+// programs, idle lights, the exposure history held against the frames the
+// sensor really took (repeated, skipped and overtaken frame events), the
+// stall recovery branches, the gain codes and the standby alarm.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
-#include <map>
-#include <mutex>
-#include <set>
+#include <cmath>
+#include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "AR0144_trait.h"
 #include "Diagnostics.h"
 #include "Exposure_controller.h"
 #include "Sensor.h"
+#include "Simulator.h"
 #include "Synchronization.h"
 #include "test_scope.h"
 
 namespace {
 
-// Recording AR0144 hardware layer: a register map and a PSoC, every call
-// recorded, failures of named operations or registers on request.
-// Thread-safe (the trait's standby alarm runs on a timer thread).
-struct Hwl_call {
-    std::string op;
-    unsigned address;              // register, PSoC address, handle or argument
-    std::vector<uint16_t> values;  // the values written
-};
-using Writes = std::vector<std::pair<unsigned, std::vector<uint16_t>>>;
-
-class Recording_hwl : public IHwl_AR0144 {
-public:
-    unsigned width = 1280, height = 800;
-    bool psoc_fitted = true;
-    unsigned char psoc[256] = {};
-    std::map<unsigned, uint16_t> regs;
-    std::set<unsigned> fail_read, fail_write;  // register addresses
-    std::set<std::string> fail_ops;            // operation names
-
-    std::vector<Hwl_call> log() { std::lock_guard<std::mutex> g(m); return calls; }
-    void clear() { std::lock_guard<std::mutex> g(m); calls.clear(); }
-    unsigned char psoc_byte(unsigned a) { std::lock_guard<std::mutex> g(m); return psoc[a]; }
-    Writes writes()  // the WriteReg calls
-    {
-        Writes w;
-        for (const Hwl_call& c : log())
-            if (c.op == "WriteReg")
-                w.push_back({c.address, c.values});
-        return w;
-    }
-    size_t count(const std::string& op)
-    {
-        const std::vector<Hwl_call> l = log();
-        return size_t(std::count_if(l.begin(), l.end(), [&](const Hwl_call& c) { return c.op == op; }));
-    }
-
-    bool IsPsocSupported() override { return psoc_fitted; }
-    bool WriteIIC_PSOC(unsigned char a, unsigned char* d, unsigned int n) override
-    {
-        return op("WriteIIC_PSOC", a, {d, d + n}) && copy(psoc + a, d, n);
-    }
-    bool ReadIIC_PSOC(unsigned char a, unsigned char* d, unsigned int n) override
-    {
-        return op("ReadIIC_PSOC", a) && copy(d, psoc + a, n);
-    }
-    Image_buffer_pointers* GetImageBuffers(uint64_t& count) override { count = 0; return nullptr; }
-    bool RegisterVsyncNotification(Vsync_callback, void*) override { return true; }
-    unsigned int GetScanHeight() override { return height; }
-    unsigned int GetScanWidth() override { return width; }
-    bool ImagerPowerUp() override { return op("ImagerPowerUp"); }
-    bool ImagerPowerDown() override { return op("ImagerPowerDown"); }
-    bool ImagerPowerOn() override { return op("ImagerPowerOn"); }
-    bool ImagerPowerOff() override { return op("ImagerPowerOff"); }
-    bool InitCapture(int buffer) override { return op("InitCapture", unsigned(buffer)); }
-    bool ResetTransferHardware() override { return op("ResetTransferHardware"); }
-    bool AimOn() override { return op("AimOn"); }
-    bool AimOff() override { return op("AimOff"); }
-    bool IllumConfig(unsigned int c) override { return op("IllumConfig", c); }
-    bool IllumOn() override { return op("IllumOn"); }
-    bool IllumOff() override { return op("IllumOff"); }
-    bool StartScanning() override { return op("StartScanning"); }
-    bool StopScanning() override { return op("StopScanning"); }
-    bool RequestStopScanning(Stop_callback, void*) override { return op("RequestStopScanning"); }
-    bool WriteReg(unsigned int a, uint16_t* v, uint64_t len) override
-    {
-        const size_t n = len == 1 ? 1 : len / 2;
-        if (!op("WriteReg", a, {v, v + n}) || fail_write.count(a))
-            return false;
-        std::lock_guard<std::mutex> g(m);
-        for (size_t i = 0; i < n; ++i)
-            regs[a + 2 * i] = v[i];
-        return true;
-    }
-    bool ReadReg(unsigned int a, uint16_t* v, uint64_t len) override
-    {
-        if (!op("ReadReg", a) || fail_read.count(a))
-            return false;
-        std::lock_guard<std::mutex> g(m);
-        for (size_t i = 0; i < (len == 1 ? 1 : len / 2); ++i)
-            v[i] = regs[a + 2 * i];
-        return true;
-    }
-
-private:
-    // Records the call; false when the test asked this operation to fail.
-    bool op(const char* name, unsigned address = 0, std::vector<uint16_t> values = {})
-    {
-        std::lock_guard<std::mutex> g(m);
-        calls.push_back({name, address, std::move(values)});
-        return !fail_ops.count(name);
-    }
-    bool copy(unsigned char* to, const unsigned char* from, unsigned n)
-    {
-        std::lock_guard<std::mutex> g(m);
-        std::memcpy(to, from, n);
-        return true;
-    }
-    std::mutex m;
-    std::vector<Hwl_call> calls;
-};
-
-
-const Writes shadows = {{0x3060, {13}}, {0x3270, {508}}, {0x3012, {100, 10}}};
-
-// The last @p n writes (all of them when fewer).
-Writes tail(const Writes& w, size_t n) { return Writes(w.end() - std::min(n, w.size()), w.end()); }
-using Write = Writes::value_type;
+constexpr unsigned kModeSelect = 0x301C, kReset = 0x301A;
 
 struct Rig {
-    explicit Rig(uint32_t word = 1, uint32_t capture_mode = 0, Sensor* sensor = nullptr)
-        : scope(word, capture_mode, sensor), trait(hwl, &controller)
+    explicit Rig(uint32_t word = 1, uint32_t capture_mode = 0, Sensor* sensor = nullptr, bool psoc = true)
+        : scope(word, capture_mode, sensor), sim(make(psoc)), hwl(*static_cast<IHwl_AR0144*>(sim->hwl())),
+          trait(hwl, &controller)
     {
         controller.bind(&trait);
     }
-    // The writes of a power_up_init that must succeed.
-    Writes power_up()
+    ~Rig() { sim->shutdown(); }
+    static std::unique_ptr<vqxsim::Simulator> make(bool psoc)
     {
-        hwl.clear();
-        EXPECT_TRUE(trait.power_up_init());
-        return hwl.writes();
+        vqxsim::Config config;
+        config.engine = "X7710";
+        config.psoc_fitted = psoc;
+        config.real_time = false;
+        config.render = vqxsim::Render_mode::none;
+        std::string error;
+        auto made = vqxsim::Simulator::create(config, &error);
+        EXPECT_NE(nullptr, made) << error;
+        return made;
     }
+    // Register writes the sensor received since the last call.
+    uint64_t writes()
+    {
+        const uint64_t now = sim->calls("WriteReg"), since = now - seen;
+        seen = now;
+        return since;
+    }
+    void faults(void (*change)(vqxsim::Faults&)) { sim->update_faults(change); }
+    // Arms every buffer and starts the transfer; each delivered buffer is
+    // armed again at once, so that step() always has one to fill.
+    void run_transfer()
+    {
+        uint64_t count = 0;
+        IHwl::Image_buffer_pointers* buffers = hwl.GetImageBuffers(count);
+        hwl.RegisterVsyncNotification([](int handle, void* layer) { static_cast<IHwl*>(layer)->InitCapture(handle); },
+                                      &hwl);
+        for (uint64_t i = 0; i < count; ++i)
+            hwl.InitCapture(buffers[i].handle);
+        EXPECT_TRUE(hwl.StartScanning());
+    }
+    unsigned light_bits() { return sim->light_register(); }
+
     Driver_scope scope;
-    Recording_hwl hwl;
+    std::unique_ptr<vqxsim::Simulator> sim;
+    IHwl_AR0144& hwl;
     Exposure_controller<AR0144_trait> controller;
     AR0144_trait trait;
+    uint64_t seen = 0;
 };
 
 std::vector<std::string> captured;
@@ -152,156 +78,166 @@ void capture(const char* text) { captured.push_back(text); }
 TEST(AR0144_trait, PowerUpStatesFailuresAndIdleLights)
 {
     Rig rig;
-    EXPECT_EQ(rig.hwl.count("ImagerPowerOn"), 1u);  // constructor powers up
-    EXPECT_EQ(rig.hwl.count("ImagerPowerUp"), 1u);
+    EXPECT_TRUE(rig.sim->supplied());  // the constructor powers up
+    EXPECT_FALSE(rig.sim->standby());
     EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_READY);
 
-    rig.trait.set_exposure_gain(300, 1024);
-    rig.trait.sleep();
-    EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_STANDBY);
-    Writes w = rig.power_up();  // standby: power up, shadows kept
-    EXPECT_EQ(rig.hwl.count("ImagerPowerOn"), 0u);
-    EXPECT_EQ(rig.hwl.count("ImagerPowerUp"), 1u);
-    EXPECT_EQ(tail(w, 3).front(), (Write{0x3060, {0x20}}));
-    EXPECT_EQ(w.back(), (Write{0x3012, {300, 10}}));
+    // Standby keeps what was programmed before it; power off loses it and
+    // the next power-up programs the starting exposure and gain.
+    struct Row { bool off; uint16_t gain_code, setting, rows; };
+    for (const Row& r : {Row{false, 0x20, 508, 300}, Row{true, 0x0D, 508, 100}}) {
+        SCOPED_TRACE(r.off ? "from off" : "from standby");
+        rig.trait.set_exposure_gain(300, 1024);
+        if (r.off)
+            rig.trait.power_down();
+        else
+            rig.trait.sleep();
+        EXPECT_EQ(rig.sim->supplied(), !r.off);
+        EXPECT_TRUE(rig.sim->standby());
+        EXPECT_EQ(rig.trait.get_power_state(), r.off ? AR0144_trait::POWER_OFF : AR0144_trait::POWER_STANDBY);
+        EXPECT_TRUE(rig.trait.power_up_init());
+        EXPECT_TRUE(rig.sim->supplied());
+        EXPECT_FALSE(rig.sim->standby());
+        EXPECT_EQ(rig.sim->reg(0x3060), r.gain_code);
+        EXPECT_EQ(rig.sim->reg(0x3270), r.setting);
+        EXPECT_EQ(rig.sim->reg(0x3012), r.rows);
+        EXPECT_EQ(rig.sim->reg(0x3014), 10);
+    }
 
-    rig.trait.power_down();
-    EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_OFF);
-    EXPECT_EQ(tail(rig.power_up(), 3), shadows);  // off: power on and up, shadows reset
-    EXPECT_EQ(rig.hwl.count("ImagerPowerOn"), 1u);
-    EXPECT_EQ(rig.hwl.count("ImagerPowerUp"), 1u);
-
-    // Idle aimer: mode select pulses; idle illumination: left streaming.
+    // Idle aimer: the sensor is left stopped; idle illumination: streaming.
     _tagVQX_SCANNER_LIGHTING lights{28, 5, 1, 0, 100, 100, 0};
     for (uint32_t idle : {1u, 2u}) {
         lights.idle_mode = idle;
         rig.trait.change_lights(lights);
-        const Writes pulse = {{0x301C, {1}}, {0x301C, {0}}}, on = {{0x301C, {1}}};
-        EXPECT_EQ(tail(rig.power_up(), idle == 1 ? 2 : 1), idle == 1 ? pulse : on);
-        EXPECT_EQ(rig.hwl.psoc[0x32] & 3, idle);
+        EXPECT_TRUE(rig.trait.power_up_init());
+        EXPECT_EQ(rig.sim->streaming(), idle == 2);
+        EXPECT_EQ(rig.light_bits() & 3, idle);
     }
 
-    rig.hwl.fail_ops.insert("WriteIIC_PSOC");  // the sensor reset fails: no register write
-    rig.hwl.clear();
+    rig.faults([](vqxsim::Faults& f) { f.psocfail = vqxsim::Trigger::all(); });  // the sensor reset fails
+    rig.writes();
     EXPECT_FALSE(rig.trait.power_up_init());
-    EXPECT_TRUE(rig.hwl.writes().empty());
-    rig.hwl.fail_ops.clear();
-    rig.hwl.fail_write.insert(0x3F00);  // a failed burst ends the walk
-    rig.hwl.clear();
+    EXPECT_EQ(rig.writes(), 0u);  // nothing written to a sensor that was not reset
+    rig.faults([](vqxsim::Faults& f) {
+        f.psocfail = {};
+        f.regfail_write = vqxsim::Trigger::all();
+    });
     EXPECT_FALSE(rig.trait.power_up_init());
-    EXPECT_EQ(rig.hwl.writes().back().first, 0x3F00u);
+    EXPECT_EQ(rig.writes(), 1u);  // a failed burst ends the table
 }
 
 TEST(AR0144_trait, StreamingAndTheExposureHistory)
 {
-    // A frame is taken with what the registers held at the end of the frame
-    // period two sensor frames before its own. The sensor's frame counter,
-    // read at each programming point, names the period; the counter below
-    // repeats once (a second call for one frame), skips one (a frame the
-    // driver never saw) and moves on once between a programming point and
-    // its write (the next frame began while the update was computed). The
-    // expectation comes from that rule alone.
+    // The exposure and gain the trait reports for the frame just delivered
+    // must be those the simulated sensor took it with, also when a frame
+    // event comes twice, when the driver misses a frame, and when the next
+    // frame ends between a frame event and the write that follows it.
+    struct Point {
+        unsigned frames_before;   // sensor frames before the frame event
+        unsigned frames_between;  // sensor frames between the event and the write
+        bool retrigger;           // trigger_on again (already streaming)
+    };
+    const Point points[] = {{1, 0, false}, {1, 0, false}, {1, 0, false}, {0, 0, false}, {1, 0, true},
+                            {2, 1, false}, {1, 0, false}, {1, 0, false}, {1, 0, false}};
     for (uint32_t mode : {0u, 3u}) {
+        SCOPED_TRACE("capture mode " + std::to_string(mode));
         Rig rig(1, mode);
-        std::map<unsigned, unsigned> written;  // period -> rows written in it
-        rig.hwl.regs[0x303A] = 7;
-        rig.trait.set_exposure_gain(50, 512);
-        written[0] = 50;  // in the registers when streaming starts: applies at once
+        ASSERT_TRUE(rig.trait.power_up_init());
+        rig.trait.set_exposure_gain(50, 512);  // programmed before streaming: applies at once
+        rig.run_transfer();
         rig.trait.trigger_on();
-        EXPECT_EQ(rig.hwl.writes().back(), (Write{0x301A, {0x085C}}));
+        EXPECT_TRUE(rig.sim->streaming());
         EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_STREAMING);
-        rig.hwl.regs[0x301C] = 1;  // the sensor reports streaming
-        const std::pair<unsigned, unsigned> points[] = {{8, 8},   {9, 9},   {10, 10}, {10, 10}, {11, 11},
-                                                        {13, 14}, {15, 15}, {16, 16}, {17, 17}};
-        for (const auto& point : points) {
-            unsigned count = point.first;
-            SCOPED_TRACE(count);
-            rig.hwl.regs[0x303A] = static_cast<uint16_t>(count);
+        unsigned k = 0;
+        for (const Point& p : points) {
+            SCOPED_TRACE("point " + std::to_string(k));
+            ASSERT_EQ(rig.sim->step(p.frames_before), p.frames_before);
             rig.trait.exposure_frame();
-            unsigned expected = 0;
-            for (const auto& w : written)
-                if (w.first + 2 <= count)
-                    expected = w.second;
-            EXPECT_EQ(rig.trait.current_exposure(), expected);
-            EXPECT_EQ(rig.trait.current_gain(), 512u);
-            EXPECT_EQ(rig.trait.current_contrast(), expected * 512);
-            count = point.second;
-            rig.hwl.regs[0x303A] = static_cast<uint16_t>(count);
-            written[count] = 100 + count + (written.count(count) ? 100 : 0);
-            rig.trait.set_exposure_gain(written[count], 512);
-            if (count == 11)
-                rig.trait.trigger_on();  // already streaming: history kept
+            const vqxsim::Frame_record taken = rig.sim->frames().back();
+            EXPECT_EQ(rig.trait.current_exposure(), taken.rows);
+            EXPECT_NEAR(rig.trait.current_gain(), taken.analog_gain * 256, 1);
+            EXPECT_EQ(rig.trait.current_contrast(), rig.trait.current_exposure() * rig.trait.current_gain());
+            ASSERT_EQ(rig.sim->step(p.frames_between), p.frames_between);
+            rig.trait.set_exposure_gain(60 + 10 * k, 512u << (k % 3));
+            if (p.retrigger)
+                rig.trait.trigger_on();
+            ++k;
         }
         rig.trait.trigger_off();
-        const Writes stop = {{0x301A, {0x0858}}, {0x301C, {0}}};
-        EXPECT_EQ(tail(rig.hwl.writes(), 2), stop);
+        EXPECT_FALSE(rig.sim->streaming());
         EXPECT_EQ(rig.trait.get_power_state(), AR0144_trait::POWER_READY);
     }
 
-    Rig parallel(0);
-    parallel.trait.trigger_on();
-    EXPECT_EQ(parallel.hwl.writes().back(), (Write{0x301A, {0x30DC}}));
+    // The reset register's stream and stop values of the serial and the
+    // parallel interface.
+    for (uint32_t word : {0u, 1u}) {
+        Rig rig(word);
+        rig.trait.trigger_on();
+        EXPECT_EQ(rig.sim->reg(kReset), word ? 0x085C : 0x30DC);
+        rig.trait.trigger_off();
+        EXPECT_EQ(rig.sim->reg(kReset), word ? 0x0858 : 0x30D8);
+    }
 
-    // trigger_on fails on its mode-select read: nothing written, and
-    // trigger_once issues no stop.
+    // trigger_once fails on its mode-select read: nothing is written.
     Rig failing;
-    failing.hwl.fail_read.insert(0x301C);
-    failing.hwl.clear();
+    failing.faults([](vqxsim::Faults& f) { f.regfail_read = vqxsim::Trigger::all(); });
+    failing.writes();
     failing.trait.trigger_once();
-    EXPECT_TRUE(failing.hwl.writes().empty());
+    EXPECT_EQ(failing.writes(), 0u);
     EXPECT_FALSE(failing.trait.start_streaming());
-    failing.hwl.fail_read.clear();
-    failing.trait.trigger_once();
-    const Writes once = {{0x301A, {0x085C}}, {0x301A, {0x0858}}, {0x301C, {0}}};
-    EXPECT_EQ(failing.hwl.writes(), once);
+    failing.faults([](vqxsim::Faults& f) { f.regfail_read = {}; });
+    failing.trait.trigger_once();  // on its own: streams for its window, then stops
+    EXPECT_FALSE(failing.sim->streaming());
+    EXPECT_EQ(failing.sim->reg(kModeSelect), 0);
+    EXPECT_EQ(failing.trait.get_power_state(), AR0144_trait::POWER_READY);
 }
 
 TEST(AR0144_trait, CheckStallBranches)
 {
     set_dbg_output_hook(capture);
     Rig rig(1);
-    auto& r = rig.hwl.regs;
-    r[0x303A] = 7; r[0x306A] = 0x100;
-
-    r[0x303C] = 0x05;  // neither standby nor PLL locked: keep waiting
-    rig.hwl.clear();
+    rig.trait.trigger_on();  // streaming, but no table: the PLL is not locked
+    rig.writes();
     captured.clear();
-    EXPECT_TRUE(rig.trait.check_stall(2));
-    EXPECT_EQ(rig.hwl.count("ReadReg"), rig.hwl.log().size());
-    EXPECT_EQ(captured, std::vector<std::string>{"Stall2: Status = 0x05 frames = 7\n"});
+    EXPECT_TRUE(rig.trait.check_stall(2));  // keep waiting
+    EXPECT_EQ(rig.writes(), 0u);
+    EXPECT_EQ(captured, std::vector<std::string>{"Stall2: Status = 0x00 frames = 0\n"});
 
-    r[0x303C] = 0x0A;  // standby: streaming restarted
-    rig.hwl.clear();
+    rig.trait.trigger_off();  // the sensor reports standby: streaming restarted
     EXPECT_TRUE(rig.trait.check_stall(1));
-    EXPECT_EQ(rig.hwl.writes(), (Writes{{0x301A, {0x085C}}}));
+    EXPECT_TRUE(rig.sim->streaming());
 
-    r[0x303C] = 0x08;  // PLL locked, not the last try: streaming value twice
-    rig.hwl.clear();
+    ASSERT_TRUE(rig.trait.power_up_init());  // the PLL locks
+    rig.trait.trigger_on();
+    rig.writes();
     captured.clear();
-    EXPECT_TRUE(rig.trait.check_stall(1));
-    EXPECT_EQ(rig.hwl.count("StartScanning"), 0u);
-    EXPECT_EQ(rig.hwl.writes(), (Writes{{0x301A, {0x185C}}, {0x301A, {0x085C}}}));
-    EXPECT_EQ(captured.at(1), "Stall1: datapath_status = 0x0100\n");
+    const uint64_t starts = rig.sim->calls("StartScanning");
+    EXPECT_TRUE(rig.trait.check_stall(1));  // not the last try: restart, then stream
+    EXPECT_EQ(rig.writes(), 2u);
+    EXPECT_EQ(rig.sim->calls("StartScanning"), starts);
+    EXPECT_TRUE(rig.sim->streaming());
+    EXPECT_EQ(captured.at(1), "Stall1: datapath_status = 0x0000\n");
 
-    rig.hwl.clear();  // last try: the transfer path is restarted first
+    // The last try restarts the transfer path first.
+    const char* const transfer[] = {"RequestStopScanning", "StopScanning", "StartScanning"};
+    std::vector<uint64_t> before;
+    for (const char* op : transfer)
+        before.push_back(rig.sim->calls(op));
     EXPECT_TRUE(rig.trait.check_stall(0));
-    std::vector<std::string> ops;
-    for (const Hwl_call& c : rig.hwl.log())
-        if (c.op != "ReadReg")
-            ops.push_back(c.op);
-    EXPECT_EQ(ops, (std::vector<std::string>{"RequestStopScanning", "StopScanning", "StartScanning",
-                                             "WriteReg", "WriteReg"}));
-    rig.hwl.fail_ops.insert("StartScanning");
-    rig.hwl.clear();
+    for (size_t i = 0; i < before.size(); ++i)
+        EXPECT_EQ(rig.sim->calls(transfer[i]), before[i] + 1) << transfer[i];
+    EXPECT_EQ(rig.writes(), 2u);
+    EXPECT_TRUE(rig.sim->transfer_started());
+    rig.faults([](vqxsim::Faults& f) { f.start_fail = true; });
     EXPECT_FALSE(rig.trait.check_stall(0));
-    EXPECT_TRUE(rig.hwl.writes().empty());
+    EXPECT_EQ(rig.writes(), 0u);
 
     Rig parallel(0);
-    parallel.hwl.regs[0x303C] = 0x08;
-    parallel.hwl.clear();
+    ASSERT_TRUE(parallel.trait.power_up_init());
+    parallel.trait.trigger_on();
     EXPECT_TRUE(parallel.trait.check_stall(0));
-    EXPECT_EQ(parallel.hwl.writes(), (Writes{{0x301A, {0x30DC}}, {0x301A, {0x30DC}}}));
-    parallel.hwl.fail_read.insert(0x303C);
+    EXPECT_EQ(parallel.sim->reg(kReset), 0x30DC);
+    parallel.faults([](vqxsim::Faults& f) { f.regfail_read = vqxsim::Trigger::all(); });
     EXPECT_FALSE(parallel.trait.check_stall(2));
     set_dbg_output_hook(nullptr);
 }
@@ -333,56 +269,49 @@ TEST(AR0144_trait, StandbyCompletesOnTheSensorTimer)
         auto lock = sensor.get_lock();
         rig.trait.trigger_on();
         rig.trait.trigger_off();
-        rig.hwl.clear();
         EXPECT_TRUE(rig.trait.deinitialize_scanning());
         EXPECT_EQ(rig.trait.get_alarm().expire_time(), rig.trait.get_reference_time() + 24);
     }
     for (int i = 0; i < 200 && !rig.trait.get_alarm().complete(); ++i)
         Synchroniztion_internal::MT_Delay(5);
-    EXPECT_EQ(rig.hwl.writes().at(0), (Write{0x301A, {0x185C}}));  // keeps streaming
-    EXPECT_EQ(rig.hwl.psoc_byte(0x32) & 3, 2);
+    EXPECT_TRUE(rig.sim->streaming());  // the idle illumination keeps it streaming
+    EXPECT_EQ(rig.light_bits() & 3, 2u);
 
     {
         auto lock = sensor.get_lock();
         rig.trait.trigger_off();
-        rig.hwl.clear();
         rig.trait.deinitialize_scanning();
         // A new scan cancels the standby (and, the register set never having
         // been loaded here, loads it first).
         EXPECT_TRUE(rig.trait.initialize_scanning());
-        rig.hwl.clear();
+        rig.writes();
     }
     Synchroniztion_internal::MT_Delay(40);
-    EXPECT_TRUE(rig.hwl.writes().empty());
+    EXPECT_EQ(rig.writes(), 0u);  // the cancelled standby wrote nothing
 }
 
 TEST(AR0144_trait, LightsFollowTheScanState)
 {
     Rig rig;
     _tagVQX_SCANNER_LIGHTING lights{28, 5, 8, 0, 100, 77, 3};
-    rig.hwl.clear();
     EXPECT_TRUE(rig.trait.change_lights(lights));  // idle: aimer (mode 8), no boost
-    EXPECT_EQ(rig.hwl.psoc_byte(0x32), 1);
-    EXPECT_EQ(rig.hwl.log().at(0).op, "IllumConfig");
-    EXPECT_EQ(rig.hwl.log().at(0).address, 77u);
+    EXPECT_EQ(rig.light_bits(), 1u);
+    EXPECT_EQ(rig.sim->illum_config(), 77u);
     ASSERT_TRUE(rig.trait.start_scanning());  // scanning: aimer and illumination, boost 2
     EXPECT_TRUE(rig.trait.change_lights(lights));
-    EXPECT_EQ(rig.hwl.psoc_byte(0x32), 3 | (2 << 2));
+    EXPECT_EQ(rig.light_bits(), 3u | (2u << 2));
 
-    Recording_hwl bare;  // no PSoC: the hardware layer's lights follow the code
-    bare.psoc_fitted = false;
-    AR0144_trait trait(bare, nullptr);
-    trait.sleep();
-    bare.clear();
-    EXPECT_TRUE(trait.change_lights(lights));  // asleep: remembered only
-    EXPECT_TRUE(bare.log().empty());
-    bare.fail_ops.insert("WriteIIC_PSOC");
-    trait.power_up_init();  // the stored aimer operation follows the idle code
-    EXPECT_EQ(bare.count("AimOn"), 1u);
+    Rig bare(1, 0, nullptr, false);  // no PSoC: the hardware layer's lights follow the code
+    bare.trait.sleep();
+    EXPECT_TRUE(bare.trait.change_lights(lights));  // asleep: remembered only
+    EXPECT_FALSE(bare.sim->aimer());
+    EXPECT_NE(bare.sim->illum_config(), 77u);
+    bare.trait.power_up_init();  // the stored aimer operation follows the idle code
+    EXPECT_TRUE(bare.sim->aimer());
     lights.idle_mode = 7;
-    bare.clear();
-    trait.change_lights(lights);
-    EXPECT_EQ(bare.count("AimOff") + bare.count("IllumOn"), 2u);
+    bare.trait.change_lights(lights);
+    EXPECT_FALSE(bare.sim->aimer());
+    EXPECT_TRUE(bare.sim->illumination());
 }
 
 } // namespace
