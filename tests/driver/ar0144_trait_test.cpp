@@ -104,14 +104,23 @@ TEST(AR0144_trait, PowerUpStatesFailuresAndIdleLights)
         EXPECT_EQ(rig.sim->reg(0x3014), 10);
     }
 
-    // Idle aimer: the sensor is left stopped; idle illumination: streaming.
+    // Idle illumination: the sensor streams; idle aimer: it is left stopped.
+    // Both when the lights change between scans and after a power-up.
     _tagVQX_SCANNER_LIGHTING lights{28, 5, 1, 0, 100, 100, 0};
-    for (uint32_t idle : {1u, 2u}) {
+    for (uint32_t idle : {2u, 1u}) {
         lights.idle_mode = idle;
         rig.trait.change_lights(lights);
+        EXPECT_EQ(rig.sim->streaming(), idle == 2);
         EXPECT_TRUE(rig.trait.power_up_init());
         EXPECT_EQ(rig.sim->streaming(), idle == 2);
         EXPECT_EQ(rig.light_bits() & 3, idle);
+    }
+
+    // An engine mounted upside down reads out rotated (flip and mirror).
+    for (uint32_t orientation : {0u, 180u}) {
+        Rig mounted(1 | orientation << 16);
+        ASSERT_TRUE(mounted.trait.power_up_init());
+        EXPECT_EQ(mounted.sim->reg(0x3040) & 0xC000, orientation ? 0xC000 : 0) << orientation;
     }
 
     rig.faults([](vqxsim::Faults& f) { f.psocfail = vqxsim::Trigger::all(); });  // the sensor reset fails
@@ -142,8 +151,14 @@ TEST(AR0144_trait, StreamingAndTheExposureHistory)
     for (uint32_t mode : {0u, 3u}) {
         SCOPED_TRACE("capture mode " + std::to_string(mode));
         Rig rig(1, mode);
-        ASSERT_TRUE(rig.trait.power_up_init());
-        rig.trait.set_exposure_gain(50, 512);  // programmed before streaming: applies at once
+        if (mode == 0) {
+            ASSERT_TRUE(rig.trait.power_up_init());
+            rig.trait.set_exposure_gain(50, 512);  // programmed before streaming: applies at once
+        } else {  // the starting values a power-up from off programs apply at once
+            rig.trait.set_exposure_gain(300, 1024);
+            rig.trait.power_down();
+            ASSERT_TRUE(rig.trait.power_up_init());
+        }
         rig.run_transfer();
         rig.trait.trigger_on();
         EXPECT_TRUE(rig.sim->streaming());
@@ -285,9 +300,22 @@ TEST(AR0144_trait, StandbyCompletesOnTheSensorTimer)
         // been loaded here, loads it first).
         EXPECT_TRUE(rig.trait.initialize_scanning());
         rig.writes();
+        EXPECT_TRUE(rig.trait.initialize_scanning());  // loaded and ready: nothing to do
     }
     Synchroniztion_internal::MT_Delay(40);
     EXPECT_EQ(rig.writes(), 0u);  // the cancelled standby wrote nothing
+
+    // Sleep and power-down cancel the standby still to come.
+    for (void (AR0144_trait::*down)() : {&AR0144_trait::sleep, &AR0144_trait::power_down}) {
+        {
+            auto lock = sensor.get_lock();
+            rig.trait.deinitialize_scanning();
+            (rig.trait.*down)();
+        }
+        Synchroniztion_internal::MT_Delay(40);
+        EXPECT_EQ(rig.writes(), 0u);
+        EXPECT_TRUE(rig.sim->standby());
+    }
 }
 
 TEST(AR0144_trait, LightsFollowTheScanState)
