@@ -49,7 +49,6 @@ struct Rig {
         seen = now;
         return since;
     }
-    void faults(void (*change)(vqxsim::Faults&)) { sim->update_faults(change); }
     // Arms every buffer and starts the transfer; each delivered buffer is
     // armed again at once, so that step() always has one to fill.
     void run_transfer()
@@ -62,7 +61,6 @@ struct Rig {
             hwl.InitCapture(buffers[i].handle);
         EXPECT_TRUE(hwl.StartScanning());
     }
-    unsigned light_bits() { return sim->light_register(); }
 
     Driver_scope scope;
     std::unique_ptr<vqxsim::Simulator> sim;
@@ -113,7 +111,7 @@ TEST(AR0144_trait, PowerUpStatesFailuresAndIdleLights)
         EXPECT_EQ(rig.sim->streaming(), idle == 2);
         EXPECT_TRUE(rig.trait.power_up_init());
         EXPECT_EQ(rig.sim->streaming(), idle == 2);
-        EXPECT_EQ(rig.light_bits() & 3, idle);
+        EXPECT_EQ(rig.sim->light_register() & 3, idle);
     }
 
     // An engine mounted upside down reads out rotated (flip and mirror).
@@ -123,11 +121,11 @@ TEST(AR0144_trait, PowerUpStatesFailuresAndIdleLights)
         EXPECT_EQ(mounted.sim->reg(0x3040) & 0xC000, orientation ? 0xC000 : 0) << orientation;
     }
 
-    rig.faults([](vqxsim::Faults& f) { f.psocfail = vqxsim::Trigger::all(); });  // the sensor reset fails
+    rig.sim->update_faults([](vqxsim::Faults& f) { f.psocfail = vqxsim::Trigger::all(); });  // the sensor reset fails
     rig.writes();
     EXPECT_FALSE(rig.trait.power_up_init());
     EXPECT_EQ(rig.writes(), 0u);  // nothing written to a sensor that was not reset
-    rig.faults([](vqxsim::Faults& f) {
+    rig.sim->update_faults([](vqxsim::Faults& f) {
         f.psocfail = {};
         f.regfail_write = vqxsim::Trigger::all();
     });
@@ -195,12 +193,12 @@ TEST(AR0144_trait, StreamingAndTheExposureHistory)
 
     // trigger_once fails on its mode-select read: nothing is written.
     Rig failing;
-    failing.faults([](vqxsim::Faults& f) { f.regfail_read = vqxsim::Trigger::all(); });
+    failing.sim->update_faults([](vqxsim::Faults& f) { f.regfail_read = vqxsim::Trigger::all(); });
     failing.writes();
     failing.trait.trigger_once();
     EXPECT_EQ(failing.writes(), 0u);
     EXPECT_FALSE(failing.trait.start_streaming());
-    failing.faults([](vqxsim::Faults& f) { f.regfail_read = {}; });
+    failing.sim->update_faults([](vqxsim::Faults& f) { f.regfail_read = {}; });
     failing.trait.trigger_once();  // on its own: streams for its window, then stops
     EXPECT_FALSE(failing.sim->streaming());
     EXPECT_EQ(failing.sim->reg(kModeSelect), 0);
@@ -243,7 +241,7 @@ TEST(AR0144_trait, CheckStallBranches)
         EXPECT_EQ(rig.sim->calls(transfer[i]), before[i] + 1) << transfer[i];
     EXPECT_EQ(rig.writes(), 2u);
     EXPECT_TRUE(rig.sim->transfer_started());
-    rig.faults([](vqxsim::Faults& f) { f.start_fail = true; });
+    rig.sim->update_faults([](vqxsim::Faults& f) { f.start_fail = true; });
     EXPECT_FALSE(rig.trait.check_stall(0));
     EXPECT_EQ(rig.writes(), 0u);
 
@@ -252,7 +250,7 @@ TEST(AR0144_trait, CheckStallBranches)
     parallel.trait.trigger_on();
     EXPECT_TRUE(parallel.trait.check_stall(0));
     EXPECT_EQ(parallel.sim->reg(kReset), 0x30DC);
-    parallel.faults([](vqxsim::Faults& f) { f.regfail_read = vqxsim::Trigger::all(); });
+    parallel.sim->update_faults([](vqxsim::Faults& f) { f.regfail_read = vqxsim::Trigger::all(); });
     EXPECT_FALSE(parallel.trait.check_stall(2));
     set_dbg_output_hook(nullptr);
 }
@@ -290,7 +288,7 @@ TEST(AR0144_trait, StandbyCompletesOnTheSensorTimer)
     for (int i = 0; i < 200 && !rig.trait.get_alarm().complete(); ++i)
         Synchroniztion_internal::MT_Delay(5);
     EXPECT_TRUE(rig.sim->streaming());  // the idle illumination keeps it streaming
-    EXPECT_EQ(rig.light_bits() & 3, 2u);
+    EXPECT_EQ(rig.sim->light_register() & 3, 2u);
 
     {
         auto lock = sensor.get_lock();
@@ -323,11 +321,11 @@ TEST(AR0144_trait, LightsFollowTheScanState)
     Rig rig;
     _tagVQX_SCANNER_LIGHTING lights{28, 5, 8, 0, 100, 77, 3};
     EXPECT_TRUE(rig.trait.change_lights(lights));  // idle: aimer (mode 8), no boost
-    EXPECT_EQ(rig.light_bits(), 1u);
+    EXPECT_EQ(rig.sim->light_register(), 1u);
     EXPECT_EQ(rig.sim->illum_config(), 77u);
     ASSERT_TRUE(rig.trait.start_scanning());  // scanning: aimer and illumination, boost 2
     EXPECT_TRUE(rig.trait.change_lights(lights));
-    EXPECT_EQ(rig.light_bits(), 3u | (2u << 2));
+    EXPECT_EQ(rig.sim->light_register(), 3u | (2u << 2));
 
     Rig bare(1, 0, nullptr, false);  // no PSoC: the hardware layer's lights follow the code
     bare.trait.sleep();
