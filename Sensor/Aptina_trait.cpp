@@ -163,10 +163,10 @@ bool Aptina_trait::set_starting_exposure_gain(unsigned int& contrast)
     const Exposure_settings& s = controller->settings;
     unsigned rows, gain;
     if (s.mode >= 2) {
-        rows = std::min(controller->start_exposure.get_rows(), controller->max_exposure.get_rows());
+        rows = std::min(controller->start_exposure.current_rows(), controller->max_exposure.current_rows());
         gain = std::min(s.start_gain, s.max_gain);
     } else {
-        rows = controller->fixed_exposure.get_rows();
+        rows = controller->fixed_exposure.current_rows();
         gain = s.fixed_gain;
     }
     silent_trace("set_starting_exposure\nexposure = %u\nusec=%u\ngain=%u", rows, s.start_exposure, gain);
@@ -186,7 +186,7 @@ bool Aptina_trait::set_starting_exposure_gain(unsigned int c, unsigned int& cont
         gain = s.max_gain;
         rows = std::max(gain != 0 ? c / gain : 0u, 1u);
     } else {
-        rows = controller->fixed_exposure.get_rows();
+        rows = controller->fixed_exposure.current_rows();
         gain = s.fixed_gain;
     }
     silent_trace("set_starting_exposure\nexposure = %u\ngain=%u", rows, gain);
@@ -207,7 +207,7 @@ bool Aptina_trait::update_contrast(unsigned int white, unsigned int contrast, un
         const unsigned c = shared_contrast_step(white, contrast, s);
         rows = std::max(gain != 0 ? c / gain : 0u, 1u);
     } else {
-        rows = controller->fixed_exposure.get_rows();
+        rows = controller->fixed_exposure.current_rows();
         gain = s.fixed_gain;
     }
     new_contrast = rows * gain;

@@ -70,7 +70,15 @@ bool Kelp_trait::power_up_init()
         exposure_history.newest() = table_value(init_table, init_table_size, REG_EXPOSURE);
         gain_history.newest() = table_value(init_table, init_table_size, REG_GAIN);
     }
+    wake();
     return powered;
+}
+
+void Kelp_trait::wake()
+{
+    awake = true;
+    hwl.IllumConfig(lights.level_b);
+    apply_lights(lights_in_force());
 }
 
 void Kelp_trait::power_on()
@@ -86,24 +94,28 @@ void Kelp_trait::power_off()
     hwl.ImagerPowerOff();
     powered = false;
     streaming = false;
+    awake = false;
 }
 
 void Kelp_trait::sleep()
 {
     hwl.ImagerPowerDown();
     streaming = false;
+    awake = false;
 }
 
 bool Kelp_trait::initialize_scanning()
 {
     if (!powered)
         return power_up_init();
-    return hwl.ImagerPowerUp();
+    const bool up = hwl.ImagerPowerUp();
+    wake();
+    return up;
 }
 
 bool Kelp_trait::deinitialize_scanning()
 {
-    return apply_lights(idle_code);
+    return apply_lights(Psoc::get_lights_mode(lights.idle_mode));
 }
 
 // ---------------------------------------------------------------------------
@@ -198,7 +210,7 @@ bool Kelp_trait::set_exposure_gain(unsigned rows, unsigned gain)
 void Kelp_trait::contrast_to_exposure_gain(unsigned contrast, unsigned& rows, unsigned& gain)
 {
     gain = std::max(controller->settings.max_gain, 1u);
-    const unsigned limit = controller->max_exposure.get_rows() & 0xFFFF;
+    const unsigned limit = controller->max_exposure.current_rows() & 0xFFFF;
     rows = contrast / gain;
     rows = rows == 0 ? 1 : std::min(rows, limit);
 }
@@ -287,9 +299,16 @@ bool Kelp_trait::apply_lights(uint8_t code)
     return aim && illum;
 }
 
+uint8_t Kelp_trait::lights_in_force() const
+{
+    return Psoc::get_lights_mode(scanning_initialised ? lights.scanning_mode : lights.idle_mode);
+}
+
 bool Kelp_trait::change_lights(const _tagVQX_SCANNER_LIGHTING& lighting)
 {
-    idle_code = Psoc::get_lights_mode(lighting.idle_mode);
+    lights = lighting;
+    if (!awake)
+        return true;  // held until the engine wakes
     hwl.IllumConfig(lighting.level_b);
-    return apply_lights(scanning_initialised ? Psoc::get_lights_mode(lighting.scanning_mode) : idle_code);
+    return apply_lights(lights_in_force());
 }

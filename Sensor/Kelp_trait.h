@@ -44,7 +44,9 @@
 //
 // Lights: the hardware layer's AimOn/AimOff and IllumOn/IllumOff, by the
 // PSoC lights code of the lighting record's scanning mode while scanning
-// and of its idle mode otherwise; IllumConfig gets level B.
+// and of its idle mode otherwise; IllumConfig gets level B. A change while
+// the engine sleeps or is off is only kept: it reaches the lights when the
+// engine wakes (power-up, or a scan's start after sleep).
 //
 // Single frames (capture modes 6 and 7): trigger_once writes the single
 // frame bit; the sensor makes one frame and stands by again.
@@ -123,6 +125,8 @@ private:
     void step(unsigned frames);
     void restart_histories();
     bool apply_lights(uint8_t code);
+    uint8_t lights_in_force() const;
+    void wake();
 
     history_queue<unsigned> exposure_history;
     history_queue<unsigned> gain_history;
@@ -131,8 +135,9 @@ private:
     unsigned gain_now = 1;
     Frame_counter frame_counter;  ///< 0x0300 at the last programming point
     bool streaming = false;
-    bool powered = false;
-    uint8_t idle_code = 0;
+    bool powered = false;  ///< register table loaded since the supply came on
+    bool awake = false;    ///< supplied and out of standby
+    _tagVQX_SCANNER_LIGHTING lights{};  ///< the last lighting asked for
     Controller* controller;
 };
 

@@ -30,6 +30,10 @@ constexpr unsigned char PSOC_SENSOR_RESET = 0x82;
 constexpr unsigned HISTORY_SIZE = 3;
 constexpr unsigned POWER_SETTLE_MS = 30;
 constexpr unsigned RESET_SETTLE_MS = 50;
+// The sensor applies shutter width and gain two frames after they are
+// written: two frames of the table's timing (480 + 45 rows of 35.25 us,
+// 18.5 ms each) with room for a slower frame rate.
+constexpr unsigned TABLE_SETTLE_MS = 50;
 constexpr unsigned AUTO_GAIN_LIMIT = 32;
 constexpr unsigned MAX_RESUME_MS = 300;
 
@@ -69,6 +73,7 @@ MT9V022_trait::MT9V022_trait(IHwl_MT9V022& hwl_, Controller* controller_)
 MT9V022_trait::~MT9V022_trait()
 {
     late_vsync_alarm.cancel();
+    withdraw_own_frame_callback(client_callback, client_context);
 }
 
 // ---------------------------------------------------------------------------
@@ -95,6 +100,7 @@ bool MT9V022_trait::power_up_init()
     if (power_state == POWER_ON)
         return true;
     hwl.ImagerPowerOn();
+    hwl.ImagerPowerUp();
     power_state = POWER_ON;
     MT_Delay(POWER_SETTLE_MS);
     set_lights_mode(idle_led);
@@ -106,9 +112,8 @@ bool MT9V022_trait::power_up_init()
         uint16_t unused = 0;
         if (hwl.ReadReg(REG_CHIP_VERSION, &unused, 1))
             hwl.ReadReg(REG_LAST, &unused, 1);
+        MT_Delay(TABLE_SETTLE_MS);  // the first frame of a scan is taken with the table
     }
-    // Out of standby only now: the first frames are taken with the table.
-    hwl.ImagerPowerUp();
     return ok;
 }
 

@@ -55,10 +55,12 @@
 //    report what they were taken with.
 //  - set_starting_exposure_gain computes and programs nothing (the scan
 //    starts from what the sensor holds), as the engine always has.
-//  - power_up_init takes the sensor out of standby (ImagerPowerUp) only
-//    after the register table is loaded, not before the reset: the sensor
-//    makes frames whenever it is out of standby, and frames begun while the
-//    table was written would be taken with values no history holds.
+//  - power_up_init supplies the sensor and takes it out of standby
+//    (ImagerPowerOn, ImagerPowerUp) before the PSoC reset and the register
+//    table, so every register write reaches a powered, running sensor.
+//    The sensor streams from then on and applies the table's shutter width
+//    and gain two frames later; power_up_init waits for that (50 ms), so
+//    the first frame of the scan that follows is taken with them.
 //  - The values read from registers 0x00 (chip version) and 0xFF at
 //    power-up are not used.
 //  - The gain split of the shared step: gain (ES_MAX_GAIN + 8) >> 4 below a

@@ -161,6 +161,11 @@ IHwl::Image_buffer_pointers* Rilo_trait::get_image_buffers(uint64_t& count)
     return hwl.GetImageBuffers(count);
 }
 
+Rilo_trait::~Rilo_trait()
+{
+    withdraw_own_frame_callback(client_callback, client_context);
+}
+
 bool Rilo_trait::register_frame_notifications(Frame_callback callback, void* context)
 {
     client_callback = callback;

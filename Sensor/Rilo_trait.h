@@ -77,6 +77,7 @@ public:
     static uint8_t gain_register_of(unsigned gain);
 
     Rilo_trait(IHwl_rilo& hwl, Controller* controller, std::vector<Register_pair> init_table);
+    ~Rilo_trait() override;
 
     // Sensor_trait
     void power_on() override;

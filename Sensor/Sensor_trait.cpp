@@ -64,6 +64,12 @@ void Sensor_trait::get_capabilities(Capabilities& caps)
         caps.size = copied;
 }
 
+void Sensor_trait::withdraw_own_frame_callback(Frame_callback client, void* context)
+{
+    if (client)
+        hwl.RegisterVsyncNotification(client, context);
+}
+
 void Sensor_trait::exposure_frame() {}
 
 void Sensor_trait::update_exposure_settings(Exposure_settings& settings) { (void)settings; }

@@ -121,6 +121,14 @@ protected:
     // which is what every engine trait built here wants.
     explicit Sensor_trait(IHwl& hwl);
 
+    // For a trait whose own end-of-frame callback stands between the
+    // hardware layer and the client's callback: called from its destructor,
+    // it registers the client's callback with the hardware layer directly,
+    // so that a frame arriving after the trait is gone never runs the
+    // trait's callback on freed memory. At driver teardown the client's
+    // callback is the driver's ignore-frames function.
+    void withdraw_own_frame_callback(Frame_callback client, void* context);
+
     IHwl& hwl;
     bool scanning_initialised = false;
     bool second_flag = false;

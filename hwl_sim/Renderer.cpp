@@ -11,6 +11,13 @@ namespace {
 constexpr size_t kNoiseSize = size_t(1) << 20;
 constexpr double kNoiseSigma = 1.5;
 
+// The aimer pattern as fractions of the frame's height and width: a bar
+// (8 rows over 512 columns at 1280 x 800) and a centre spot (24 x 24).
+constexpr double kAimerBarHeight = 0.01;
+constexpr double kAimerBarWidth = 0.4;
+constexpr double kAimerSpotHeight = 0.03;
+constexpr double kAimerSpotWidth = 3.0 / 160.0;
+
 // xorshift64*: cheap and reproducible.
 uint64_t next_random(uint64_t& state)
 {
@@ -40,11 +47,23 @@ Renderer::Renderer(unsigned width, unsigned height, uint64_t seed) : width(width
                       int64_t(r >> 48) - 2 * 65535;
         n = static_cast<int8_t>(sum * scale / (int64_t(65536) * 65536));
     }
-    unsigned cy = height / 2, cx = width / 2;
-    for (unsigned r = cy > 4 ? cy - 4 : 0; r < std::min(height, cy + 4); ++r)
-        aimer.push_back({r, width * 3 / 10, width * 7 / 10});
-    for (unsigned r = cy > 12 ? cy - 12 : 0; r < std::min(height, cy + 12); ++r)
-        aimer.push_back({r, cx > 12 ? cx - 12 : 0, std::min(width, cx + 12)});
+    // The aimer pattern, centred and sized in fractions of the frame so that
+    // it is the same share of every frame size; at least a pixel each way.
+    auto extent = [](unsigned size, double fraction) {
+        return std::clamp(static_cast<unsigned>(std::lround(size * fraction)), 1u, size);
+    };
+    auto centred = [](unsigned size, unsigned part) { return (size - part) / 2; };
+    const unsigned bar_rows = extent(height, kAimerBarHeight);
+    const unsigned bar_cols = extent(width, kAimerBarWidth);
+    const unsigned bar_x0 = centred(width, bar_cols);
+    const unsigned spot_rows = extent(height, kAimerSpotHeight);
+    const unsigned spot_cols = extent(width, kAimerSpotWidth);
+    const unsigned spot_x0 = centred(width, spot_cols);
+    aimer.reserve(bar_rows + spot_rows);
+    for (unsigned r = centred(height, bar_rows); r < centred(height, bar_rows) + bar_rows; ++r)
+        aimer.push_back({r, bar_x0, bar_x0 + bar_cols});
+    for (unsigned r = centred(height, spot_rows); r < centred(height, spot_rows) + spot_rows; ++r)
+        aimer.push_back({r, spot_x0, spot_x0 + spot_cols});
 }
 
 void Renderer::build_lut(int32_t* lut, double light, const Render_params& p) const

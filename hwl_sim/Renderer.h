@@ -3,8 +3,13 @@
 // pixel = saturate(reflectance x light x exposure_us x gain x calibration
 //                  + dark level + noise x gain)
 // where light = ambient + illumination (when on), times the scene scale, and
-// the aimer adds its light inside its pattern (a horizontal bar and a centre
-// spot) when on. Calibration: with the illumination on (light 1.0 plus the
+// the aimer adds its light inside its pattern when on. The aimer lights a
+// fixed part of the field of view, so the pattern is sized in fractions of
+// the frame: a horizontal bar 1% of the height tall over the middle 40% of
+// the width, and a centre spot 3/160 of the width wide and 3% of the height
+// tall (at 1280 x 800: 8 rows and 24 x 24 pixels; at 640 x 480: 5 rows and
+// 12 x 14 pixels). Its row spans are built once, in the constructor.
+// Calibration: with the illumination on (light 1.0 plus the
 // default ambient 0.1) the default barcode label (reflectance 0.9) comes out
 // at about 120 after 1 ms at unity gain. Noise is Gaussian (sigma 1.5
 // counts at unity gain) from a table built from the seed, read at a random
@@ -61,7 +66,7 @@ private:
     unsigned width;
     unsigned height;
     std::vector<int8_t> noise;  ///< 2^20 samples
-    std::vector<Span> aimer;
+    std::vector<Span> aimer;  ///< the aimer pattern, row by row
     // Last frame of the fast mode.
     bool have_last = false;
     Render_params last;

@@ -81,6 +81,17 @@ bool bad(std::string* error, const std::string& what)
     return false;
 }
 
+// A whole number from -4 to 4, with or without a leading minus.
+bool parse_offset(const std::string& text, int& out)
+{
+    const bool negative = !text.empty() && text[0] == '-';
+    unsigned magnitude = 0;
+    if (!parse_ranged(negative ? text.substr(1) : text, magnitude, 0, 4))
+        return false;
+    out = negative ? -int(magnitude) : int(magnitude);
+    return true;
+}
+
 // One environment variable: its name and how it is read into a Config.
 struct Variable {
     const char* name;
@@ -158,6 +169,8 @@ const Variable kVariables[] = {
      [](const std::string& v, Config& c, std::string*) { return parse_ranged_double(v, c.fps, 1.0, 1000.0); }},
     {"VQXSIM_BUFFERS", "a number from 1 to 64",
      [](const std::string& v, Config& c, std::string*) { return parse_ranged(v, c.buffers, 1, 64); }},
+    {"VQXSIM_LATENCY_OFFSET", "a whole number from -4 to 4",
+     [](const std::string& v, Config& c, std::string*) { return parse_offset(v, c.latency_offset); }},
     {"VQXSIM_SCENE", "barcode, flat, flat:N, ramp or a PGM/PNG file", apply_scene},
     {"VQXSIM_TEXT", "barcode text", [](const std::string& v, Config& c, std::string*) {
          c.text = v;

@@ -131,6 +131,8 @@ bool valid_config(const Config& c, std::string* error)
         return config_error(error, "buffer count must be 1 to 64");
     if (c.strip_pause_us > kMaxStripPauseUs)
         return config_error(error, "strip pause must be at most 100000 microseconds");
+    if (c.latency_offset < -4 || c.latency_offset > 4)
+        return config_error(error, "latency offset must be -4 to 4");
     if (c.capture_mode > 7)
         return config_error(error, "capture mode must be 0 to 7");
     if (c.orientation != 0 && c.orientation != 180)
@@ -301,7 +303,11 @@ void Sim_core::state_changed()
 {
     bool now_running = sensor_running();
     if (now_running && !running) {
-        pipeline.restart(model->controls(), model->frame_latency(), model->gain_latency());
+        // Config::latency_offset shifts both of the model's latencies alike.
+        const auto shifted = [this](unsigned latency) {
+            return unsigned(std::max(1, int(latency) + cfg.latency_offset));
+        };
+        pipeline.restart(model->controls(), shifted(model->frame_latency()), shifted(model->gain_latency()));
         Clock::time_point now = Clock::now();
         first_frame_at = now + std::chrono::milliseconds(faults.first_frame_delay_ms);
         next_frame = first_frame_at + std::chrono::microseconds(int64_t(1e6 / cfg.fps));
@@ -574,6 +580,7 @@ bool Sim_core::WriteReg(unsigned int address, uint16_t* values, uint64_t length)
     bool injected = write_gate.next();
     if (is_supplied)
         model->run_until(Clock::now());
+    count.standby_accesses += is_supplied && is_standby;
     bool ok = !injected && is_supplied && values != nullptr && model->write(address, values, length);
     if (!ok)
         ++count.register_write_failures;
@@ -591,6 +598,7 @@ bool Sim_core::ReadReg(unsigned int address, uint16_t* values, uint64_t length)
     std::lock_guard<std::mutex> hold(mutex);
     note("ReadReg");
     bool injected = read_gate.next();
+    count.standby_accesses += is_supplied && is_standby;
     if (is_supplied) {
         model->run_until(Clock::now());
         clear_restarted_stall();
@@ -1126,6 +1134,25 @@ std::vector<Frame_record> Sim_core::frames() const
 {
     std::lock_guard<std::mutex> hold(mutex);
     return {history.begin(), history.end()};
+}
+
+Frame_record Sim_core::controls() const
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    Frame_record record;
+    if (!is_supplied)
+        return record;
+    const Frame_settings f = model->controls();
+    record.rows = f.rows;
+    record.fine = f.fine;
+    record.line_time_us = f.line_time_us;
+    record.exposure_us = f.exposure_us;
+    record.analog_gain = f.analog_gain;
+    record.digital_gain = f.digital_gain;
+    record.gain = f.analog_gain * f.digital_gain;
+    record.analog_gain_code = f.analog_code;
+    record.digital_gain_code = f.digital_code;
+    return record;
 }
 
 uint64_t Sim_core::calls(const std::string& operation) const

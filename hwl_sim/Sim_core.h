@@ -146,6 +146,7 @@ public:
     Buffer_state buffer_state(int handle) const;
     Counters counters() const;
     std::vector<Frame_record> frames() const;
+    Frame_record controls() const;
     uint64_t calls(const std::string& operation) const;
     void set_ambient(double ambient);
     void set_scene_scale(double scale);

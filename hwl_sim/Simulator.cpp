@@ -46,6 +46,7 @@ unsigned Simulator::buffers_in(Buffer_state state) const
 }
 Counters Simulator::counters() const { return core->counters(); }
 std::vector<Frame_record> Simulator::frames() const { return core->frames(); }
+Frame_record Simulator::controls() const { return core->controls(); }
 uint64_t Simulator::calls(const std::string& operation) const { return core->calls(operation); }
 
 bool Simulator::buffer_at(const void* address, Buffer_view* out) const { return core->buffer_at(address, out); }

@@ -120,6 +120,12 @@ struct VQXSIM_API Config {
     /// readout, in microseconds (at most 100000). A longer pause gives a
     /// driver polling the buffer a wider window on a loaded machine.
     unsigned strip_pause_us = 600;
+    /// Frames added to every sensor model's exposure and gain latency
+    /// (-4 to 4; a latency never falls below 1). 0 is the sensor as
+    /// modelled; +1 or -1 makes a sensor whose controls take effect a frame
+    /// later or earlier than the model's, to show that a driver assuming the
+    /// modelled latency reports the frames wrongly.
+    int latency_offset = 0;
 
     Scene_kind scene = Scene_kind::barcode;
     std::string text = "VQX-SIM-0001";           ///< barcode contents
@@ -197,6 +203,9 @@ struct Counters {
     uint64_t failed_starts = 0;       ///< StartScanning refused by the start_fail fault
     uint64_t register_read_failures = 0;   ///< injected and bad-argument failures
     uint64_t register_write_failures = 0;
+    /// Register transfers made while the sensor was in standby (supplied,
+    /// powered down): a power-up that writes before leaving standby.
+    uint64_t standby_accesses = 0;
     uint64_t psoc_failures = 0;
     uint64_t bad_captures = 0;  ///< InitCapture with a handle not in the array
     uint64_t bad_releases = 0;  ///< ReleaseBuffer with an unknown handle or of a free buffer
@@ -262,6 +271,10 @@ public:
     unsigned buffers_in(Buffer_state state) const;
     Counters counters() const;
     std::vector<Frame_record> frames() const;  ///< the latest 4096 frames that filled a buffer
+    /// The exposure and gain the sensor's registers hold now, as a frame
+    /// taken with them would use them (rows, line time, exposure, gains;
+    /// the frame fields are 0). Zero rows and exposure while unsupplied.
+    Frame_record controls() const;
     uint64_t calls(const std::string& operation) const;  ///< e.g. calls("InitCapture")
 
     /// The buffer holding @p address (any address inside it); false when

@@ -9,11 +9,10 @@
 // mode: 0 = compute rows from microseconds; 1 = compute once more, then back
 // to 0; any other value = rows was set directly and is used as it is.
 //
-// current_rows() is the converter's normal use: a changed microsecond setting
+// current_rows() is the one way to read rows: a changed microsecond setting
 // is noticed and converted, mode 1 forces one conversion, other non-zero
-// modes return the stored rows. get_rows() converts exposure_us without
-// looking at the setting (the traits that use it keep exposure_us up to date
-// themselves).
+// modes return the stored rows. There is no read that skips the setting, so
+// a trait can never program rows converted from a stale microsecond value.
 //
 // Converting needs p_sensor. Without it "p_sensor" is reported and the
 // cached rows (at least 1) are returned unchanged. Without p_us (a converter
@@ -47,15 +46,6 @@ public:
             mode = 0;
             return compute();
         }
-        if (mode != 0)
-            return stored_rows();
-        return compute();
-    }
-
-    /// Rows for exposure_us: the stored rows when mode is non-zero, else
-    /// converted and stored.
-    unsigned get_rows() const
-    {
         if (mode != 0)
             return stored_rows();
         return compute();

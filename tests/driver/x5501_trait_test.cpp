@@ -116,24 +116,6 @@ TEST(X5501Trait, AutoExposureScalesTheContrastByTheWhiteValue)
     EXPECT_NEAR(fixed, sensor_contrast(), fixed / 16.0);
 }
 
-TEST(X5501Trait, IdleLightsAreOnAfterPowerUpAndAfterAScan)
-{
-    const _tagVQX_SCANNER_LIGHTING lights{28, 5, 1, 0, 100, 100, 0};  // idle: the aimer
-    for (bool psoc : {true, false}) {
-        SCOPED_TRACE(psoc ? "PSoC" : "no PSoC");
-        X5501_on_sim x("", 2, psoc);
-        x.trait->change_lights(lights);
-        x.trait->power_off();
-        ASSERT_FALSE(x.sim->aimer());
-        ASSERT_TRUE(x.trait->power_up_init());
-        EXPECT_TRUE(x.sim->aimer()) << "after power-up";
-        x.trait->trigger_on();
-        x.trait->trigger_off();
-        EXPECT_TRUE(x.trait->deinitialize_scanning());
-        EXPECT_TRUE(x.sim->aimer()) << "after the scan";
-    }
-}
-
 TEST(X5501Trait, StandbyIsLeftThrough0x28FirstThen0x54AndStopsFrames)
 {
     X5501_on_sim x;
