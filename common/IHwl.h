@@ -85,6 +85,13 @@ public:
     /* 7 */ virtual bool RegisterVsyncNotification(Vsync_callback callback, void* context) = 0;
     /* 8 */ virtual unsigned int GetScanHeight() = 0;
     /* 9 */ virtual unsigned int GetScanWidth() = 0;
+    // Sensor power as the engine traits use it: ImagerPowerOn supplies the
+    // sensor and ImagerPowerOff cuts the supply (its registers are lost);
+    // ImagerPowerUp takes a supplied sensor out of standby and
+    // ImagerPowerDown puts it into standby, keeping its registers (the
+    // MT9V022 trait wakes with ImagerPowerUp alone, without its table).
+    // Every trait writes registers only after both ImagerPowerOn and
+    // ImagerPowerUp.
     /* 10 */ virtual bool ImagerPowerUp() = 0;
     /* 11 */ virtual bool ImagerPowerDown() = 0;
     /* 12 */ virtual bool ImagerPowerOn() = 0;

@@ -8,6 +8,20 @@
 namespace vqxsim {
 namespace {
 
+// The exposure and gain part of a frame record.
+void record_controls(const Frame_settings& f, Frame_record& record)
+{
+    record.rows = f.rows;
+    record.fine = f.fine;
+    record.line_time_us = f.line_time_us;
+    record.exposure_us = f.exposure_us;
+    record.analog_gain = f.analog_gain;
+    record.digital_gain = f.digital_gain;
+    record.gain = f.analog_gain * f.digital_gain;
+    record.analog_gain_code = f.analog_code;
+    record.digital_gain_code = f.digital_code;
+}
+
 constexpr int kFirstHandle = 0x1001;
 constexpr int kUnknownHandle = 0x0BAD;  // never a buffer handle
 constexpr size_t kHistorySize = 4096;
@@ -914,15 +928,7 @@ void Sim_core::produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame
     record.frame_count = settings.frame_count;
     record.handle = pointers[index].handle;
     record.delivered = !drop;
-    record.rows = settings.rows;
-    record.fine = settings.fine;
-    record.line_time_us = settings.line_time_us;
-    record.exposure_us = settings.exposure_us;
-    record.analog_gain = settings.analog_gain;
-    record.digital_gain = settings.digital_gain;
-    record.gain = params.gain;
-    record.analog_gain_code = settings.analog_code;
-    record.digital_gain_code = settings.digital_code;
+    record_controls(settings, record);
     record.illumination = illum_on || (psoc_model.reg(Psoc_model::light_control) & 2) != 0;
     record.aimer = params.aimer_light > 0.0;
 
@@ -1142,16 +1148,7 @@ Frame_record Sim_core::controls() const
     Frame_record record;
     if (!is_supplied)
         return record;
-    const Frame_settings f = model->controls();
-    record.rows = f.rows;
-    record.fine = f.fine;
-    record.line_time_us = f.line_time_us;
-    record.exposure_us = f.exposure_us;
-    record.analog_gain = f.analog_gain;
-    record.digital_gain = f.digital_gain;
-    record.gain = f.analog_gain * f.digital_gain;
-    record.analog_gain_code = f.analog_code;
-    record.digital_gain_code = f.digital_code;
+    record_controls(model->controls(), record);
     return record;
 }
 
