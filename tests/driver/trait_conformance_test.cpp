@@ -279,6 +279,19 @@ TEST_P(TraitConformance, LightsFollowTheModesAndWaitForPower)
         b.trait->change_lights(b.lighting);
         EXPECT_EQ(e.scan_lights(m), b.lights()) << "scanning mode " << m;
     }
+    // Frames with aimer and illumination: an engine that switches its own
+    // aimer (no PSoC) shows it only every fourth frame, the others steadily.
+    for (uint32_t m : {1u, 3u}) {
+        b.lighting.scanning_mode = m;
+        b.trait->change_lights(b.lighting);
+        std::string seen;
+        for (int f = 0; f < 4; ++f) {
+            b.trait->exposure_frame();
+            seen += b.sim->aimer() ? '1' : '0';
+        }
+        EXPECT_EQ(m == 3 && !e.psoc ? "0001" : std::string(4, e.scan_lights(m).aimer ? '1' : '0'), seen)
+            << "aimer over four frames, scanning mode " << m;
+    }
     b.lighting.idle_mode = 3;
     b.trait->change_lights(b.lighting);
     b.stop();
