@@ -1,13 +1,18 @@
 // Register_table_file: see Register_table_file.h.
 #include "Register_table_file.h"
 
+#include <dlfcn.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#ifndef VQX_REGISTER_TABLE_DEFAULT_DIR
-#define VQX_REGISTER_TABLE_DEFAULT_DIR "/usr/share/VQXScanInterface/register-tables"
+// The default table directory relative to the directory the driver library
+// is installed in (set by the build from its install directories).
+#ifndef VQX_REGISTER_TABLE_RELATIVE_DIR
+#define VQX_REGISTER_TABLE_RELATIVE_DIR "../share/VQXScanInterface/register-tables"
 #endif
 
 namespace {
@@ -57,7 +62,17 @@ std::string hex(unsigned v, unsigned bits)
 std::string Register_table_file::directory()
 {
     const char* dir = std::getenv("VQX_REGISTER_TABLE_DIR");
-    return dir && *dir ? dir : VQX_REGISTER_TABLE_DEFAULT_DIR;
+    if (dir && *dir)
+        return dir;
+    // The object this function is in: the driver library (or a program the
+    // driver is linked into).
+    Dl_info info{};
+    std::string library = dladdr(reinterpret_cast<void*>(&Register_table_file::directory), &info) && info.dli_fname
+                              ? info.dli_fname
+                              : "";
+    const size_t slash = library.rfind('/');
+    library = slash == std::string::npos ? "." : library.substr(0, slash == 0 ? 1 : slash);
+    return library + "/" VQX_REGISTER_TABLE_RELATIVE_DIR;
 }
 
 std::string Register_table_file::path() const
@@ -81,8 +96,10 @@ bool Register_table_file::load_from(const std::string& file, std::vector<Registe
         return false;
     }
     char line[256];
-    unsigned number = 0;
+    unsigned number = 0;     // line number
+    unsigned last_row = 0;   // line of the last row
     bool ok = true;
+    std::vector<uint16_t> selected;  // pages the rows select
     while (ok && std::fgets(line, sizeof line, f)) {
         ++number;
         if (!std::strchr(line, '\n') && !std::feof(f)) {
@@ -116,12 +133,16 @@ bool Register_table_file::load_from(const std::string& file, std::vector<Registe
             ok = false;
             break;
         }
-        if (rows.size() == max_rows) {
-            error = where + ": more than " + std::to_string(max_rows) + " rows";
+        if (rows.size() == row_count) {
+            error = where + ": line " + std::to_string(number) + ": more than the table's " +
+                    std::to_string(row_count) + " rows";
             ok = false;
             break;
         }
+        if (page_register >= 0 && row.address == unsigned(page_register))
+            selected.push_back(row.value);
         rows.push_back(row);
+        last_row = number;
     }
     if (ok && std::ferror(f)) {
         error = where + ": read error";
@@ -132,11 +153,24 @@ bool Register_table_file::load_from(const std::string& file, std::vector<Registe
         error = where + ": no rows";
         ok = false;
     }
+    // Whole-table faults name the line the table ends at.
+    const std::string end = where + ": line " + std::to_string(last_row) + " (last row): ";
+    if (ok && rows.size() != row_count) {
+        error = end + "only " + std::to_string(rows.size()) + " rows, the table has " + std::to_string(row_count);
+        ok = false;
+    }
     if (ok && (rows.front().address != first_register || rows.back().address != last_register)) {
-        error = where + ": rows run from " + hex(rows.front().address, register_bits) + " to " +
+        error = end + "rows run from " + hex(rows.front().address, register_bits) + " to " +
                 hex(rows.back().address, register_bits) + ", this table runs from " +
                 hex(first_register, register_bits) + " to " + hex(last_register, register_bits);
         ok = false;
+    }
+    for (size_t i = 0; ok && i < pages.size(); ++i) {
+        if (std::find(selected.begin(), selected.end(), pages[i]) == selected.end()) {
+            error = end + "no row selects page " + hex(pages[i], value_bits) + " (register " +
+                    hex(unsigned(page_register), register_bits) + "), whose registers the engine writes later";
+            ok = false;
+        }
     }
     if (!ok)
         rows.clear();

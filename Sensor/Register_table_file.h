@@ -6,9 +6,13 @@
 // this one loader for every engine that needs one.
 //
 // Where: the directory named by the environment variable
-// VQX_REGISTER_TABLE_DIR when it is set and not empty, else the directory
-// compiled in as VQX_REGISTER_TABLE_DEFAULT_DIR (the installed
-// share/VQXScanInterface/register-tables). The engine names the file.
+// VQX_REGISTER_TABLE_DIR when it is set and not empty, else
+// share/VQXScanInterface/register-tables of the prefix the driver library
+// is installed under, found at run time from the library's own location
+// (<libdir>/../share/... in the usual layout; no absolute path is compiled
+// in, so any prefix works). The driver installs no table there: a device's
+// tables are the device's, and its image installs them. The engine names
+// the file.
 //
 // Format: one row per line, "<register> <value>" or "<register>=<value>",
 // both hexadecimal with a 0x prefix, of the table's widths (16-bit
@@ -16,11 +20,14 @@
 // values); "#" starts a comment; blank lines are ignored. Rows are written
 // in file order.
 //
-// Checks: the file must open, every row must parse, the row count must lie
-// in the engine's bounds, and the first and last registers must be the ones
-// the engine's table is known to start and end with (a file of another
-// table is refused). Any failure gives a one-line reason naming the file
-// and, for a bad row, its line number; the engine then refuses to start.
+// Checks: the file must open, every row must parse, the table must have
+// exactly the engine's row count (a shortened table would leave the sensor
+// half configured), the first and last registers must be the ones the
+// engine's table is known to start and end with (a file of another table is
+// refused), and for a paged table the rows must select every page whose
+// registers the trait writes later. Any failure gives a one-line reason
+// naming the file and a line (the bad row's, or for the whole table its last
+// line); the engine then refuses to start.
 //
 // Start-up only (allocates); reentrant.
 #ifndef VQX_REGISTER_TABLE_FILE_H
@@ -38,9 +45,11 @@ struct Register_table_file {
     const char* what;        ///< the table, for messages
     uint16_t first_register; ///< register of the first row
     uint16_t last_register;  ///< register of the last row
-    size_t max_rows;         ///< most rows the table can have
+    size_t row_count;        ///< rows the table has, exactly
     unsigned register_bits = 16;  ///< 16 (even registers) or 8
     unsigned value_bits = 16;     ///< 16 or 8
+    int page_register = -1;       ///< selects the page of the rows after it (-1: no pages)
+    std::vector<uint16_t> pages{};  ///< pages the rows must select
 
     /// The directory tables are read from (see the file comment).
     static std::string directory();

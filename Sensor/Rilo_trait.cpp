@@ -12,10 +12,6 @@
 #include "Scan_driver.h"
 #include "Sensor.h"
 
-const Register_table_file rilo_init_table = {
-    "hi704a_init.regs", "Hi704A initial register table", 0x01, 0x01, 343, 8, 8,
-};
-
 namespace {
 
 constexpr uint8_t REG_PAGE = 3;
@@ -43,6 +39,13 @@ const uint16_t exposure_table[] = {
 static_assert(sizeof exposure_table / sizeof exposure_table[0] == 88, "88 exposure steps");
 
 } // namespace
+
+// The trait later writes page 0 register 1 and page 0x20 registers 131-133
+// and 176: the table must select both pages.
+const Register_table_file rilo_init_table = {
+    "hi704a_init.regs", "Hi704A initial register table", REG_POWER, REG_POWER, 343, 8, 8,
+    REG_PAGE, {PAGE_CONTROL, PAGE_EXPOSURE},
+};
 
 uint32_t Rilo_trait::exposure_rows(const Rilo_trait&, uint32_t us)
 {

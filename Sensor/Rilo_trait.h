@@ -59,7 +59,8 @@ template <class Trait>
 class Exposure_controller;
 
 /// The Hi704A's initial register table: hi704a_init.regs, 8-bit registers
-/// and values, register 1 first and last, at most 343 rows.
+/// and values, register 1 first and last, 343 rows, selecting (register 3)
+/// pages 0 and 0x20.
 extern const Register_table_file rilo_init_table;
 
 class Rilo_trait : public Sensor_trait {

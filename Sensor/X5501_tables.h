@@ -22,7 +22,7 @@ extern const size_t x5501_core_table_size;
 extern const Register_pair x5501_short_table[];
 extern const size_t x5501_short_table_size;
 
-/// The full table's file: 0x001E first, 0xC954 last, at most 201 rows.
+/// The full table's file: 0x001E first, 0xC954 last, 201 rows.
 extern const Register_table_file x5501_full_table;
 
 /// Configuration word (offset 20) that selects the short table.

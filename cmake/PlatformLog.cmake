@@ -28,3 +28,28 @@ elseif(VQX_LOG_BACKEND STREQUAL "stderr")
 else()
   message(FATAL_ERROR "VQX_LOG_BACKEND must be 'android' or 'stderr', not '${VQX_LOG_BACKEND}'")
 endif()
+
+# VQX_INSTALL_EXTRA_RUNPATH: run path entries the installed library carries
+# after $ORIGIN, for libraries the target's loader does not find on its own.
+# Debian keeps liblog (android-liblog) in a directory of its own,
+# /usr/lib/<multiarch>/android, which is neither in the loader's cache nor in
+# its default path (Debian's own programs that use it carry that directory
+# in their run path). On such a native build the default is that directory,
+# announced at configuration; on Android, in a cross build (a device image),
+# with the stderr back end, or when liblog lies in a directory the toolchain
+# searches anyway, the default is empty. Set it explicitly (an empty string
+# for none) when the target keeps liblog elsewhere.
+set(vqx_extra_runpath_default "")
+if(VQX_LOG_BACKEND STREQUAL "android" AND NOT ANDROID AND NOT CMAKE_CROSSCOMPILING)
+  get_filename_component(vqx_liblog_dir "${VQX_LIBLOG_LIBRARY}" DIRECTORY)
+  if(NOT vqx_liblog_dir IN_LIST CMAKE_C_IMPLICIT_LINK_DIRECTORIES
+     AND NOT vqx_liblog_dir IN_LIST CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES)
+    set(vqx_extra_runpath_default "${vqx_liblog_dir}")
+  endif()
+endif()
+set(VQX_INSTALL_EXTRA_RUNPATH "${vqx_extra_runpath_default}" CACHE STRING
+  "Run path entries of the installed libVQXScanInterface.so after \$ORIGIN (;-list), e.g. the directory of a liblog the loader does not find by itself")
+if(VQX_INSTALL_EXTRA_RUNPATH)
+  message(STATUS "Installed libVQXScanInterface.so run path: $ORIGIN;${VQX_INSTALL_EXTRA_RUNPATH} "
+    "(VQX_INSTALL_EXTRA_RUNPATH; set it empty when the target's loader finds liblog itself)")
+endif()

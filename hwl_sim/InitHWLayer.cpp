@@ -8,13 +8,24 @@
 // stderr ("vqxsim: ...") and returns null; the next call tries again. The
 // argument is ignored.
 //
+// The simulated engines' register tables (tables/: the MT9M114 full table
+// and the Hi704A initial table) are the simulator's own. Unless
+// VQX_REGISTER_TABLE_DIR names a table directory already, InitHWLayer sets
+// it to the simulator's: share/LmoKil/register-tables of the prefix
+// libLmoKil.so is installed under (found from the library's own location)
+// when that directory exists, else the source tree's tables/ (a build tree).
+//
 // The environment-built instance is never destroyed (the driver may still
 // call it while the process exits); at exit its frame thread is stopped so
 // that no callback reaches a driver being torn down.
+#include <dlfcn.h>
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <string>
 
 #include "Sim_core.h"
 #include "Simulator.h"
@@ -39,6 +50,29 @@ void stop_environment_instance()
         sim->shutdown();
 }
 
+// The simulator's table directory (see the file comment).
+std::string table_directory()
+{
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&table_directory), &info) && info.dli_fname) {
+        std::string dir = info.dli_fname;
+        const size_t slash = dir.rfind('/');
+        dir = (slash == std::string::npos ? std::string(".") : dir.substr(0, slash)) + "/" VQXSIM_TABLE_RELATIVE_DIR;
+        struct stat st;
+        if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+            return dir;
+    }
+    return VQXSIM_TABLE_SOURCE_DIR;
+}
+
+// Called with environment_mutex held.
+void provide_tables()
+{
+    const char* dir = std::getenv("VQX_REGISTER_TABLE_DIR");
+    if (!dir || !*dir)
+        setenv("VQX_REGISTER_TABLE_DIR", table_directory().c_str(), 1);
+}
+
 }  // namespace
 
 void set_instance_for_InitHWLayer(IHwl* hwl)
@@ -57,9 +91,10 @@ extern "C" __attribute__((visibility("default"))) IHwl* InitHWLayer(void* argume
 {
     (void)argument;
     using namespace vqxsim;
+    std::lock_guard<std::mutex> hold(environment_mutex);
+    provide_tables();
     if (IHwl* hwl = installed.load())
         return hwl;
-    std::lock_guard<std::mutex> hold(environment_mutex);
     if (Simulator* sim = environment.load())
         return sim->hwl();
     Config config;

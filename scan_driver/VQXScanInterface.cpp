@@ -88,7 +88,7 @@ VQXSI_HANDLE VQXSI_OpenSessionWithScanEngine(void)
     Scan_session* session = Scan_session::open_session();
     if (session)
         Session_registry::instance().add(session);
-    return reinterpret_cast<VQXSI_HANDLE>(session);
+    return session;  // the handle is the session's VQXSI_Session (VQXScanSession.h)
 }
 
 void VQXSI_CloseSessionWithScanEngine(VQXSI_HANDLE handle)

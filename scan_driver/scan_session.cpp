@@ -89,7 +89,7 @@ void Scan_session::release()
 
 Scan_session::operator bool_type() const
 {
-    return body ? &a_bool<Scan_session>::non_comparible_test : nullptr;
+    return body ? &Scan_session::bool_true : nullptr;
 }
 
 bool Scan_session::check_session() const

@@ -15,6 +15,12 @@
 // The body is itself a Scan_session whose body pointer points at itself, so
 // that the body's own operations can be called through the same interface.
 //
+// The virtual operations are those of VQXSI_Session (VQXScanSession.h, the
+// installed declaration C++ clients call through the handle), in its slot
+// order: Scan_session derives from it, overrides every slot and declares no
+// virtual operation of its own, so its table of virtual operations is the
+// public one and the handle's address is the VQXSI_Session's.
+//
 // Threading: any thread may use a handle. Lock order: the body's monitor,
 // then the sensor's monitor. Copying and destroying a handle enter the body's
 // monitor only.
@@ -22,23 +28,18 @@
 #define VQX_SCAN_SESSION_H
 
 #include <VQXScanInterface.h>
+#include <VQXScanSession.h>
+
+#include <type_traits>
 
 #include "Exposure_settings.h"
 
 class Scan_session_body;
 
-/// Safe-bool helper: a pointer to a member of this class converts to a truth
-/// value but to nothing else, and cannot be compared across classes.
-template <class T>
-class a_bool {
+class Scan_session : public VQXSI_Session {
 public:
-    typedef void (a_bool::*type)() const;
-    void non_comparible_test() const {}
-};
-
-class Scan_session {
-public:
-    typedef a_bool<Scan_session>::type bool_type;
+    /// Safe-bool: converts to a truth value but to nothing else.
+    using VQXSI_Session::bool_type;
 
     /// An uninitialised handle.
     Scan_session() = default;
@@ -47,32 +48,32 @@ public:
     /// Shares the body of @p other; the old body loses one reference.
     Scan_session& operator=(const Scan_session& other);
     /// Drops this handle's reference; destroys the body at the last one.
-    virtual ~Scan_session();
+    ~Scan_session() override;
 
     /// True when the handle has a body.
-    virtual operator bool_type() const;
+    operator bool_type() const override;
 
-    virtual void* Get_single_frame();
-    virtual bool Start_scanning(bool stop_after_image);
-    virtual bool Stop_scanning();
-    virtual unsigned int Get_scan_count();
-    virtual void* Get_new_frame();
-    virtual bool Is_frame_available() const;
-    virtual bool Unlock_buffer(void* buffer);
-    virtual bool Lock_buffer(void* buffer);
-    virtual bool Get_image_attributes(void* buffer, _tagImageAttributes* attributes) const;
-    virtual bool Set_lights(const _tagVQX_SCANNER_LIGHTING& lights);
-    virtual bool Get_lights(_tagVQX_SCANNER_LIGHTING& lights) const;
-    virtual bool Set_exposure(const Exposure_settings& settings);
-    virtual bool Get_exposure(Exposure_settings& settings) const;
-    virtual const VQX_SCANENGINE_PROPERTIES_EX* Get_properties() const;
-    virtual bool Scan_lock();
-    virtual bool Scan_unlock();
-    virtual unsigned int Get_scan_lock_count() const;
-    virtual bool Set_active(bool active, bool close);
-    virtual void Set_power_state(bool on);
-    virtual bool Set_sleep_timeout(unsigned int ms);
-    virtual bool Get_sleep_timeout(unsigned int& ms);
+    void* Get_single_frame() override;
+    bool Start_scanning(bool stop_after_image) override;
+    bool Stop_scanning() override;
+    unsigned int Get_scan_count() override;
+    void* Get_new_frame() override;
+    bool Is_frame_available() const override;
+    bool Unlock_buffer(void* buffer) override;
+    bool Lock_buffer(void* buffer) override;
+    bool Get_image_attributes(void* buffer, _tagImageAttributes* attributes) const override;
+    bool Set_lights(const _tagVQX_SCANNER_LIGHTING& lights) override;
+    bool Get_lights(_tagVQX_SCANNER_LIGHTING& lights) const override;
+    bool Set_exposure(const Exposure_settings& settings) override;
+    bool Get_exposure(Exposure_settings& settings) const override;
+    const VQX_SCANENGINE_PROPERTIES_EX* Get_properties() const override;
+    bool Scan_lock() override;
+    bool Scan_unlock() override;
+    unsigned int Get_scan_lock_count() const override;
+    bool Set_active(bool active, bool close) override;
+    void Set_power_state(bool on) override;
+    bool Set_sleep_timeout(unsigned int ms) override;
+    bool Get_sleep_timeout(unsigned int& ms) override;
 
     /// Starts the driver if needed and opens a new session; null on failure.
     static Scan_session* open_session();
@@ -89,6 +90,12 @@ protected:
 
     friend class Session_lock;
 };
+
+// The public declaration adds no data: a handle's object is its table
+// pointer and its body pointer, and the handle is its VQXSI_Session.
+static_assert(sizeof(VQXSI_Session) == sizeof(void*), "VQXSI_Session holds the table pointer only");
+static_assert(sizeof(Scan_session) == 2 * sizeof(void*), "a handle is a table pointer and a body pointer");
+static_assert(std::is_base_of<VQXSI_Session, Scan_session>::value, "the handle is a VQXSI_Session");
 
 /// Stack guard over a session's body monitor. Holds nothing (and reports)
 /// when the session is uninitialised.

@@ -51,16 +51,12 @@ def settled_at(rows, target=120, gap=40):
 def run_case(vqxscan, engine, mode, scene, scale, lights, frames):
     with tempfile.TemporaryDirectory() as tmp:
         log = os.path.join(tmp, "log.csv")
-        env = dict(os.environ)
-        # The register table files the project ships (engines that need one).
-        env.setdefault("VQX_REGISTER_TABLE_DIR", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..",
-                                                              "Sensor", "tables"))
         cmd = [vqxscan, "--engine", engine, "--capture-mode", str(mode), "--scene", scene,
                "--scene-scale", scale, "--frames", str(frames), "--continue", "--timeout", "10000",
                "--exposure-log", log]
         if lights:
             cmd += ["--lights", lights]
-        subprocess.run(cmd, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=60)
+        subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=60)
         if not os.path.exists(log):
             return None
         with open(log, newline="") as f:

@@ -6,8 +6,8 @@
 // zxing-cpp until a barcode is read, a frame limit is reached or the time-out
 // passes. Every frame is given back; scanning is stopped and the session
 // closed on every path. Per frame it prints the brightness computed from the
-// pixels and, when the hardware layer is the simulator, the exposure and gain
-// the frame was really taken with.
+// pixels and the exposure and gain the driver reports for the frame (its
+// image attributes, in engine units), on any hardware layer.
 //
 // Options that configure the simulator are handed to it through its VQXSIM_*
 // environment variables, set before the first open.
@@ -114,11 +114,12 @@ struct Options {
 
 struct Frame_report {
     unsigned number = 0;
-    VQX_IMAGE_ATTRIBUTES attributes{};
+    bool has_attributes = false;
+    VQX_IMAGE_ATTRIBUTES attributes{};  ///< the driver's, through the session
     double time_ms = 0.0;
     vqxscan::Brightness brightness;
     bool has_sim_info = false;
-    vqxscan::Sim_frame_info sim;
+    vqxscan::Sim_frame_info sim;  ///< the simulated sensor's truth (log only)
 };
 
 struct Report {
@@ -291,8 +292,8 @@ void print_text(const Report& r)
     for (const Frame_report& f : r.frames) {
         std::printf("frame %u at %.1f ms: mean %.1f, p97 %u", f.number, f.time_ms, f.brightness.mean,
                     f.brightness.p97);
-        if (f.has_sim_info)
-            std::printf(", exposure %.1f us, gain %.2f", f.sim.exposure_us, f.sim.gain);
+        if (f.has_attributes)
+            std::printf(", exposure %u, gain %u", f.attributes.exposure, f.attributes.gain);
         std::printf("\n");
     }
     if (r.decoded.found)
@@ -328,9 +329,9 @@ void print_json(const Report& r)
         j.key("time_ms").value(f.time_ms);
         j.key("mean").value(f.brightness.mean);
         j.key("p97").value(static_cast<double>(f.brightness.p97));
-        if (f.has_sim_info) {
-            j.key("exposure_us").value(f.sim.exposure_us);
-            j.key("gain").value(f.sim.gain);
+        if (f.has_attributes) {
+            j.key("exposure").value(static_cast<double>(f.attributes.exposure));
+            j.key("gain").value(static_cast<double>(f.attributes.gain));
         }
         j.end_object();
     }
@@ -365,7 +366,7 @@ int scan(VQXSI_HANDLE h, const Options& o, Report& r)
         f.brightness = vqxscan::measure_brightness(pixels, r.width, r.height);
         f.has_sim_info = sim.frame_info(pixels, f.sim);
         f.attributes.size = sizeof f.attributes;
-        vqxscan::frame_attributes(h, frame, f.attributes);
+        f.has_attributes = vqxscan::frame_attributes(h, frame, f.attributes);
         bool saved = true;
         if (!o.save_dir.empty()) {
             char name[32];

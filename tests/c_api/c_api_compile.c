@@ -3,6 +3,7 @@
  * link. With --no-run the program only proves that; without it, it runs one
  * scan against whatever hardware layer the library loads. */
 #include <VQXScanInterface.h>
+#include <VQXScanAttributes.h>
 
 #include <errno.h>
 #include <stdio.h>
@@ -64,8 +65,9 @@ static int run(void)
     if (!VQXSI_StartScanning(h))
         return fail("VQXSI_StartScanning");
     frame = VQXSI_GetNewScan(h);
-    if (!frame || !VQXSI_UnlockBuffer(h, frame))
-        return fail("VQXSI_GetNewScan");
+    if (!frame || !VQXSI_GetImageAttributes(h, frame, &attributes) || attributes.size != 40 ||
+        !attributes.frame_number || !attributes.exposure || !attributes.gain || !VQXSI_UnlockBuffer(h, frame))
+        return fail("VQXSI_GetNewScan, VQXSI_GetImageAttributes");
     if (!VQXSI_StopScanning(h))
         return fail("VQXSI_StopScanning");
 
@@ -77,6 +79,9 @@ static int run(void)
     VQXSI_StopScanning(h);
 
     VQXSI_CloseSessionWithScanEngine(h);
+    errno = 0; /* a closed handle is refused, not used */
+    if (VQXSI_GetImageAttributes(h, frame, &attributes) || errno != EINVAL)
+        return fail("VQXSI_GetImageAttributes of a closed session");
     dbg_output("c_api: %s\r\n", "done");
     dbg_log("c_api: %s\n", "done");
     (void)dbg_log_dump; /* prints the whole log: linked, not called */

@@ -13,8 +13,10 @@
 
 #include "Hwl_logging.h"
 #include "Register_table_file.h"
+#include "Rilo_trait.h"
 #include "Simulator.h"
 #include "X5501_Exposure_controller.h"
+#include "X5501_tables.h"
 #include "X5501_trait.h"
 #include "test_scope.h"
 
@@ -212,49 +214,56 @@ TEST(X5501Trait, PowerUpChecksTheImagerLink)
     }
 }
 
-// The table loader, on files written here.
+// The table loader, on files written here (a 16-bit table of 3 rows and a
+// paged 8-bit one of 4 that must select pages 0 and 0x20), and on the
+// simulated engines' own tables.
 TEST(RegisterTableFile, AcceptsTablesAndNamesWhatIsWrong)
 {
-    const Register_table_file table{"t.regs", "test table", 0x001E, 0xC954, 4};
-    struct Row { const char* text; bool ok; const char* reason; };
+    const Register_table_file tables[] = {{"t.regs", "test table", 0x001E, 0xC954, 3},
+                                          {"p.regs", "paged table", 0x01, 0x01, 4, 8, 8, 3, {0, 0x20}}};
+    struct Row { int table; const char* text; const char* reason; };
     const Row rows[] = {
-        {"0x001E 0x0777\n0xC954=0x009A\n", true, nullptr},
-        {"# comment\n\n  0x001E   0x0777  # trailing\r\n0x3180 0x87ff\n0xC954 0x009A", true, nullptr},
-        {"0x001E 0x0777\n0x3181 0x0000\n0xC954 0x009A\n", false, "line 2"},   // odd register
-        {"0x001E 0x0777\n0x3180 0x10000\n0xC954 0x009A\n", false, "line 2"},  // 17-bit value
-        {"0x001E 0x0777\n0x3180\n0xC954 0x009A\n", false, "line 2"},          // no value
-        {"0x001E 0x0777\n3180 0x0000\n0xC954 0x009A\n", false, "line 2"},     // no 0x
-        {"0x001E 0x0777 0x1\n", false, "line 1"},                             // extra field
-        {"# nothing\n", false, "no rows"},
-        {"0x3180 0x87FF\n0xC954 0x009A\n", false, "rows run from 0x3180"},    // another table
-        {"0x001E 0x0777\n0x3180 0x87FF\n", false, "to 0x3180"},
-        {"0x001E 0x1\n0x0002 0x1\n0x0004 0x1\n0x0006 0x1\n0xC954 0x1\n", false, "more than 4 rows"},
+        {0, "# comment\n\n  0x001E   0x0777  # trailing\r\n0x3180=0x87ff\n0xC954 0x009A", nullptr},
+        {0, "0x001E 0x0777\n0x3181 0x0000\n0xC954 0x009A\n", "line 2: expected"},   // odd register
+        {0, "0x001E 0x0777\n0x3180 0x10000\n0xC954 0x009A\n", "line 2: expected"},  // 17-bit value
+        {0, "0x001E 0x0777\n0x3180\n0xC954 0x009A\n", "line 2: expected"},          // no value
+        {0, "0x001E 0x0777\n3180 0x0000\n0xC954 0x009A\n", "line 2: expected"},     // no 0x
+        {0, "0x001E 0x0777 0x1\n", "line 1: expected"},                             // extra field
+        {0, "# nothing\n", "no rows"},
+        {0, "0x3180 0x87FF\n0x3182 0x0\n0xC954 0x009A\n", "line 3 (last row): rows run from 0x3180"},
+        {0, "0x001E 0x0777\n0x3180 0x87FF\n0x3182 0x0\n", "line 3 (last row): rows run from 0x001E to 0x3182"},
+        {0, "0x001E 0x0777\n\n0xC954 0x009A\n", "line 3 (last row): only 2 rows, the table has 3"},
+        {0, "0x001E 0x1\n0x0002 0x1\n0x0004 0x1\n0xC954 0x1\n", "line 4: more than the table's 3 rows"},
+        {1, "0x01 0xF1\n0x03 0x20\n0x03 0x00\n0x01 0xF1\n", nullptr},
+        {1, "0x01 0xF1\n0x03 0x00\n0x03 0x02\n0x01 0xF1\n", "line 4 (last row): no row selects page 0x20"},
     };
     const std::string path = testing::TempDir() + "vqx_table_" + std::to_string(getpid()) + ".regs";
+    std::vector<Register_pair> out;
+    std::string error;
     for (const Row& r : rows) {
         SCOPED_TRACE(r.text);
         FILE* f = std::fopen(path.c_str(), "w");
         ASSERT_NE(nullptr, f);
         std::fputs(r.text, f);
         std::fclose(f);
-        std::vector<Register_pair> out;
-        std::string error;
-        EXPECT_EQ(r.ok, table.load_from(path, out, error)) << error;
-        if (r.ok) {
-            EXPECT_EQ(0x001E, out.front().address);
-            EXPECT_EQ(0x0777, out.front().value);
-            EXPECT_EQ(0x009A, out.back().value);
+        const Register_table_file& table = tables[r.table];
+        EXPECT_EQ(!r.reason, table.load_from(path, out, error)) << error;
+        if (!r.reason) {
+            ASSERT_EQ(table.row_count, out.size());
+            EXPECT_EQ(table.last_register, out.back().address);
+            EXPECT_EQ(r.table ? 0x20 : 0x87FF, out[1].value);
         } else {
             EXPECT_TRUE(out.empty());
-            EXPECT_NE(std::string::npos, error.find(r.reason)) << error;
-            EXPECT_NE(std::string::npos, error.find(path)) << error;
+            EXPECT_NE(std::string::npos, error.find(path + "\": " + r.reason)) << error;
         }
     }
     std::remove(path.c_str());
-    std::vector<Register_pair> out;
-    std::string error;
-    EXPECT_FALSE(table.load_from(path, out, error));
+    EXPECT_FALSE(tables[0].load_from(path, out, error));
     EXPECT_NE(std::string::npos, error.find("cannot open")) << error;
+    for (const Register_table_file* table : {&x5501_full_table, &rilo_init_table}) {
+        EXPECT_TRUE(table->load_from(std::string(VQX_TABLE_SOURCE_DIR "/") + table->file_name, out, error)) << error;
+        EXPECT_EQ(table->row_count, out.size());
+    }
 }
 
 }  // namespace

@@ -6,7 +6,9 @@
 // fixed when the driver first starts. A client opens a session, starts
 // scanning and pulls frames; for every frame it holds what the driver says
 // (the image attributes) against what the simulated sensor really did (its
-// frame record) and against the pixels themselves:
+// frame record) and against the pixels themselves. It reads the attributes
+// as any C++ client does, through the installed session declaration
+// (VQXScanSession.h), so the truth cases prove that path:
 //   - truth: the exposure rows and gain in the attributes are those the
 //     sensor used for that frame, with and without dropped and duplicated
 //     frame events; with the sensor's latencies one frame longer or shorter
@@ -35,10 +37,10 @@
 #include <vector>
 
 #include <VQXScanInterface.h>
+#include <VQXScanSession.h>
 
 #include "Sim_client.h"
 #include "Simulator.h"
-#include "scan_session.h"
 #include "vqxsim_c.h"
 
 namespace {
@@ -233,7 +235,7 @@ protected:
         config.flat_level = 128;
         config.scene_scale = c.scale;
         config.latency_offset = c.latency;
-        // The register table files the project ships.
+        // The simulated engines' register tables.
         setenv("VQX_REGISTER_TABLE_DIR", VQX_TABLE_SOURCE_DIR, 1);
         if (c.full_table)
             config.register_table = 0;  // anything but the short table
@@ -290,7 +292,7 @@ protected:
                 break;
             Frame f;
             f.attributes.size = sizeof f.attributes;
-            reinterpret_cast<Scan_session*>(static_cast<VQXSI_HANDLE>(s))->Get_image_attributes(image, &f.attributes);
+            static_cast<VQXSI_HANDLE>(s)->Get_image_attributes(image, &f.attributes);  // as a C++ client
             f.known = vqxsim_frame_info(image, &f.sensor) == 0;
             f.p97 = percentile97(static_cast<const unsigned char*>(image), bytes);
             EXPECT_EQ(1, VQXSI_UnlockBuffer(s, image));
