@@ -4,7 +4,8 @@
 # apt-get line to run and fails.
 set -eu
 PACKAGES="cmake ninja-build g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev
-android-liblog android-liblog-dev libzxing-dev libpng-dev clang libclang-rt-14-dev binutils"
+android-liblog android-liblog-dev libzxing-dev libpng-dev clang libclang-rt-14-dev binutils
+openjdk-17-jdk-headless junit5 libzxing-core-java"
 missing=""
 for p in $PACKAGES; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then

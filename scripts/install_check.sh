@@ -43,7 +43,7 @@ mkdir -p "$work/home"
 # those files (and only those), and hand them back afterwards.
 manifests=()
 for m in install_manifest.txt install_manifest_driver.txt install_manifest_porting.txt \
-         install_manifest_simulator.txt; do
+         install_manifest_simulator.txt install_manifest_java.txt; do
   manifests+=("$build/$m")
 done
 owner=$(stat -c %u:%g "$build")
@@ -164,6 +164,14 @@ has "$work/only-simulator" lib/libLmoKil.so
 has "$work/only-simulator" bin/vqxscan
 lacks "$work/only-simulator" "lib/libVQXScanInterface*"
 say "components: driver, porting and simulator each hold only their own files"
+if [ -e "$build/java/vqxscan.jar" ]; then
+  as_user cmake --install "$build" --prefix "$work/only-java" --component java >/dev/null
+  manifest_under "$build/install_manifest_java.txt" "$work/only-java"
+  has "$work/only-java" lib/libvqxscan_jni.so
+  has "$work/only-java" share/java/vqxscan.jar
+  lacks "$work/only-java" "lib/libVQXScanInterface*"
+  say "component java: the JNI library and the jar only"
+fi
 
 # --- against the moved tree ----------------------------------------------------------
 prefix="$work/moved"
@@ -213,8 +221,11 @@ as_user env VQXSIM_REGISTER_TABLE=0 "$prefix/bin/vqxscan" --engine X5501 --frame
 say "installed vqxscan: $(grep -c '^decoded' "$work/vqxscan.log") of 2 decoded (X7710; X5501 with the full table)"
 
 # --- without the simulator -------------------------------------------------------------
+# The driver alone: without the Java binding, whose configuration runs the
+# JVM, which writes its performance data to /tmp/hsperfdata_<user> (not the
+# install's doing, but it would be a file written outside the prefixes).
 as_user cmake -S "$src" -B "$work/build-nosim" -G Ninja -DVQX_WITH_SIMULATOR=OFF \
-  -DVQX_BUILD_TESTS=OFF -DVQX_BUILD_BENCH=OFF >"$work/nosim.log" 2>&1 \
+  -DVQX_BUILD_TESTS=OFF -DVQX_BUILD_BENCH=OFF -DVQX_BUILD_JAVA=OFF >"$work/nosim.log" 2>&1 \
   || { cat "$work/nosim.log"; fail "configure without the simulator"; }
 as_user cmake --build "$work/build-nosim" -j "$(nproc)" >>"$work/nosim.log" 2>&1 \
   || { tail -n 40 "$work/nosim.log"; fail "build without the simulator"; }
