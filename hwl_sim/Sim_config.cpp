@@ -171,7 +171,7 @@ const Variable kVariables[] = {
      [](const std::string& v, Config& c, std::string*) { return parse_ranged(v, c.buffers, 1, 64); }},
     {"VQXSIM_LATENCY_OFFSET", "a whole number from -4 to 4",
      [](const std::string& v, Config& c, std::string*) { return parse_offset(v, c.latency_offset); }},
-    {"VQXSIM_SCENE", "barcode, flat, flat:N, ramp or a PGM/PNG file", apply_scene},
+    {"VQXSIM_SCENE", "barcode, flat, flat:N (N from 0 to 255), ramp or a PGM/PNG file", apply_scene},
     {"VQXSIM_TEXT", "barcode text", [](const std::string& v, Config& c, std::string*) {
          c.text = v;
          return !v.empty();
@@ -183,9 +183,9 @@ const Variable kVariables[] = {
      [](const std::string& v, Config& c, std::string*) {
          return parse_ranged_double(v, c.illumination, 0.0, 1000.0);
      }},
-    {"VQXSIM_SCENE_SCALE", "a number from 0 to 100",
+    {"VQXSIM_SCENE_SCALE", "a number greater than 0, at most 100",
      [](const std::string& v, Config& c, std::string*) {
-         return parse_ranged_double(v, c.scene_scale, 0.0, 100.0);
+         return parse_ranged_double(v, c.scene_scale, 0.0, 100.0) && c.scene_scale > 0.0;
      }},
     {"VQXSIM_RENDER", "full, fast or none", apply_render},
     {"VQXSIM_FAULTS", "a fault list", [](const std::string& v, Config& c, std::string* detail) {
@@ -245,28 +245,51 @@ const Fault_key kTriggers[] = {
     {"command_error", &Faults::command_error},
 };
 
-bool parse_fault(const std::string& key, const std::string& value, bool has_value, Faults& f)
+const char kTriggerForms[] =
+    "N (the Nth event), N+ (the Nth and later), *N (every Nth), with N from 1; a probability from 0.0 "
+    "to 1.0; or always (the same as no value)";
+
+const char* const kFlags[] = {"never_confirm_stop", "hold_frames", "start_fail"};
+bool Faults::* const kFlagFields[] = {&Faults::never_confirm_stop, &Faults::hold_frames, &Faults::start_fail};
+
+// Parses one fault; on failure @p expected says what its value may be (empty:
+// the name is unknown).
+bool parse_fault(const std::string& key, const std::string& value, bool has_value, Faults& f,
+                 std::string& expected)
 {
     for (const Fault_key& k : kTriggers)
-        if (key == k.name)
+        if (key == k.name) {
+            expected = kTriggerForms;
             return (f.*k.trigger).parse(has_value ? value : "always");
-    if (key == "stall_after")
+        }
+    if (key == "stall_after") {
+        expected = "a number of delivered frames from 1";
         return has_value && parse_unsigned(value, f.stall_after) && f.stall_after > 0;
-    if (key == "defer_stop")
-        return has_value && parse_ranged(value, f.defer_stop_ms, 0, 60000);
-    if (key == "first_frame_delay")
-        return has_value && parse_ranged(value, f.first_frame_delay_ms, 0, 60000);
-    const std::pair<const char*, bool Faults::*> flags[] = {
-        {"never_confirm_stop", &Faults::never_confirm_stop},
-        {"hold_frames", &Faults::hold_frames},
-        {"start_fail", &Faults::start_fail},
-    };
-    for (const auto& flag : flags)
-        if (key == flag.first) {
-            f.*flag.second = true;
+    }
+    if (key == "defer_stop" || key == "first_frame_delay") {
+        expected = "milliseconds from 0 to 60000";
+        return has_value && (key == "defer_stop" ? parse_ranged(value, f.defer_stop_ms, 0, 60000)
+                                                 : parse_ranged(value, f.first_frame_delay_ms, 0, 60000));
+    }
+    for (size_t i = 0; i < sizeof kFlags / sizeof kFlags[0]; ++i)
+        if (key == kFlags[i]) {
+            expected = "no value";
+            f.*kFlagFields[i] = true;
             return !has_value;
         }
+    expected.clear();
     return false;
+}
+
+std::string fault_names()
+{
+    std::string names;
+    for (const Fault_key& k : kTriggers)
+        names += std::string(k.name) + "=T, ";
+    names += "stall_after=N, defer_stop=MS, first_frame_delay=MS";
+    for (const char* flag : kFlags)
+        names += std::string(", ") + flag;
+    return names;
 }
 
 }  // namespace
@@ -308,8 +331,11 @@ bool Faults::parse(const std::string& text, std::string* error)
         size_t eq = item.find('=');
         std::string key = item.substr(0, eq);
         std::string value = eq == std::string::npos ? std::string() : item.substr(eq + 1);
-        if (!parse_fault(key, value, eq != std::string::npos, parsed))
-            return bad(error, "bad fault \"" + item + "\"");
+        std::string expected;
+        if (!parse_fault(key, value, eq != std::string::npos, parsed, expected))
+            return bad(error, "bad fault \"" + item + "\": " +
+                                  (expected.empty() ? "the faults are " + fault_names()
+                                                    : key + " takes " + expected));
     }
     *this = parsed;
     return true;

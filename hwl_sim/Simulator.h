@@ -45,7 +45,12 @@
 
 #include "IHwl.h"
 
+// A program that builds a source of the simulator into itself defines it
+// empty (and hides its symbols) so that its copy does not stand in for the
+// library's.
+#ifndef VQXSIM_API
 #define VQXSIM_API __attribute__((visibility("default")))
+#endif
 
 namespace vqxsim {
 

@@ -24,6 +24,7 @@ struct Sim_environment {
     const char* scene = "VQXSIM_SCENE";  ///< barcode, flat, ramp, or an image file
     const char* scene_scale = "VQXSIM_SCENE_SCALE";
     const char* capture_mode = "VQXSIM_CAPTURE_MODE";
+    const char* faults = "VQXSIM_FAULTS";
 };
 
 struct Sim_frame_info {
@@ -40,6 +41,8 @@ public:
     /// Fills @p out for the frame whose pixels are at @p image; false when
     /// the hardware layer is not the simulator or the frame is unknown to it.
     bool frame_info(const void* image, Sim_frame_info& out) const;
+    /// True when the hardware layer is the simulator.
+    bool present() const { return function != nullptr; }
 
 private:
     void* function = nullptr;

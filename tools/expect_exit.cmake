@@ -1,0 +1,36 @@
+# Runs a program and checks its exit code and output, for the tool tests:
+#   cmake -DCODE=N -DREGEX=R -P expect_exit.cmake PROGRAM ARGS...
+# Passes when PROGRAM exits with N and its stdout and stderr together match
+# the regular expression R. One argument <empty> stands for an empty one
+# (a list cannot hold it).
+set(command)
+set(after_empty)
+set(has_empty FALSE)
+set(after_script FALSE)
+math(EXPR last "${CMAKE_ARGC} - 1")
+foreach(i RANGE 1 ${last})
+  if(after_script)
+    if(CMAKE_ARGV${i} STREQUAL "<empty>")
+      set(has_empty TRUE)
+    elseif(has_empty)
+      list(APPEND after_empty "${CMAKE_ARGV${i}}")
+    else()
+      list(APPEND command "${CMAKE_ARGV${i}}")
+    endif()
+  elseif(CMAKE_ARGV${i} MATCHES "expect_exit\\.cmake$")
+    set(after_script TRUE)
+  endif()
+endforeach()
+if(has_empty)
+  execute_process(COMMAND ${command} "" ${after_empty}
+    RESULT_VARIABLE code OUTPUT_VARIABLE output ERROR_VARIABLE output)
+else()
+  execute_process(COMMAND ${command} RESULT_VARIABLE code OUTPUT_VARIABLE output ERROR_VARIABLE output)
+endif()
+if(NOT code STREQUAL CODE)
+  message(FATAL_ERROR "exit code ${code}, expected ${CODE}; output:\n${output}")
+endif()
+if(NOT output MATCHES "${REGEX}")
+  message(FATAL_ERROR "output does not match '${REGEX}':\n${output}")
+endif()
+message(STATUS "exit code ${code} and output as expected")
