@@ -14,6 +14,7 @@ namespace {
 constexpr unsigned HISTORY_SIZE = 4;
 constexpr unsigned START_EXPOSURE_US = 520;
 constexpr unsigned MAX_REGISTER = 65535;
+constexpr unsigned MAX_RESUME_MS = 300;
 
 // Light codes: bit 0 aimer, bit 1 illumination.
 constexpr uint8_t LIGHT_AIMER = 1;
@@ -128,6 +129,7 @@ void Kelp_trait::trigger_on()
         restart_histories();
     }
     streaming = write_reg(REG_MODE, MODE_STREAM);
+    single_frames = false;
 }
 
 void Kelp_trait::trigger_off()
@@ -143,6 +145,21 @@ void Kelp_trait::trigger_once()
     }
     write_reg(REG_MODE, MODE_SINGLE_FRAME);
     streaming = false;  // the sensor stands by again after the frame
+    single_frames = true;
+}
+
+bool Kelp_trait::check_stall(int8_t)
+{
+    const bool single = single_frames;
+    trigger_off();
+    if (!single)
+        trigger_on();
+    return true;
+}
+
+unsigned int Kelp_trait::GetMaxResumeTime()
+{
+    return MAX_RESUME_MS;
 }
 
 bool Kelp_trait::init_capture(const IHwl::Image_buffer_pointers* buffer)

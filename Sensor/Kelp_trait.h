@@ -49,7 +49,13 @@
 // engine wakes (power-up, or a scan's start after sleep).
 //
 // Single frames (capture modes 6 and 7): trigger_once writes the single
-// frame bit; the sensor makes one frame and stands by again.
+// frame bit; the sensor makes one frame and stands by again. A stall in
+// single frames only stops the sensor (the driver triggers the lost frame
+// again); switching it to continuous streaming in between would run the
+// next frames through the two-frame pipeline, which single frames do not
+// credit. The first frame after a trigger may take up to 300 ms
+// (GetMaxResumeTime) before the driver counts a stall: a trigger repeated
+// while the first frame is still on its way makes an extra frame.
 //
 // Threading: every operation runs with the sensor's monitor held (or
 // during start-up).
@@ -111,6 +117,8 @@ public:
     void exposure_frame() override;
     bool update_properties(VQX_SCANENGINE_PROPERTIES_EX& properties) override;
     void update_exposure_settings(Exposure_settings& settings) override;
+    bool check_stall(int8_t tries_left) override;
+    unsigned int GetMaxResumeTime() override;
 
     /// Supplies and wakes the sensor and loads the register table.
     bool power_up_init();
@@ -135,6 +143,7 @@ private:
     unsigned gain_now = 1;
     Frame_counter frame_counter;  ///< 0x0300 at the last programming point
     bool streaming = false;
+    bool single_frames = false;  ///< the last trigger asked for one frame
     bool powered = false;  ///< register table loaded since the supply came on
     bool awake = false;    ///< supplied and out of standby
     _tagVQX_SCANNER_LIGHTING lights{};  ///< the last lighting asked for
