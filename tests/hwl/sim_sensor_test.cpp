@@ -15,6 +15,8 @@
 #define ZX_USE_UTF8 1
 #include <ZXing/ReadBarcode.h>
 
+#include "Renderer.h"
+#include "Scene.h"
 #include "Simulator.h"
 
 namespace {
@@ -243,6 +245,36 @@ TEST(SimRender, MonotonicInExposureAndGainAndSaturates)
         double m = mean_after(*sim, 0x3060, gain);
         EXPECT_GT(m, last) << "analog gain 0x" << std::hex << gain;
         last = m;
+    }
+}
+
+// The aimer lights a fixed part of the field of view: the same share of the
+// pixels on every engine's frame size.
+TEST(SimRender, AimerIsTheSameShareOfEveryFrameSize)
+{
+    double reference = 0.0;
+    const struct { unsigned w, h; } sizes[] = {{1280, 800}, {752, 480}, {640, 480}};
+    for (const auto& size : sizes) {
+        const unsigned w = size.w, h = size.h;
+        auto scene = std::make_shared<vqxsim::Scene>();
+        scene->width = w;
+        scene->height = h;
+        scene->reflectance.assign(size_t(w) * h, 200);
+        vqxsim::Renderer renderer(w, h, 1);
+        vqxsim::Render_params p;
+        p.light = 0.1;
+        p.exposure_us = 1000.0;
+        p.mode = vqxsim::Render_mode::fast;
+        std::vector<unsigned char> off(size_t(w) * h), on(size_t(w) * h);
+        renderer.render(scene, p, off.data());
+        p.aimer_light = 3.0;
+        renderer.render(scene, p, on.data());
+        size_t lit = 0;
+        for (size_t i = 0; i < off.size(); ++i)
+            lit += on[i] > off[i] + 50;
+        const double share = double(lit) / double(off.size());
+        reference = reference > 0.0 ? reference : share;
+        EXPECT_NEAR(1.0, share / reference, 0.05) << w << " x " << h;
     }
 }
 
