@@ -189,6 +189,8 @@ TEST_F(Settings, SleepTimeOutPutsTheIdleEngineToSleepAndScanningWakesIt)
         l.idle_mode = VQX_LIGHTS_AIMER;
         ASSERT_EQ(1, VQXSI_SetLights(s, &l));
         ASSERT_EQ(1, VQXSI_StopScanning(s));
+        l.idle_mode = VQX_LIGHTS_ILLUMINATION;  // other idle lights: still held awake
+        ASSERT_EQ(1, VQXSI_SetLights(s, &l));
         std::this_thread::sleep_for(std::chrono::milliseconds(150));
         EXPECT_FALSE(sim().standby()) << "slept despite idle lights";
         l.idle_mode = VQX_LIGHTS_OFF;

@@ -68,6 +68,9 @@ struct Engine {
     bool sleeps;                ///< sleep() puts the sensor into standby
     bool layer_supplies = false;  ///< the hardware layer, not the trait, switches the supply
     double gain_cap = 64;         ///< highest gain of the automatic step
+    /// An automatic scan starts at the setting the last one ended at (the
+    /// X5501 starts at its last delivered frame's instead).
+    bool resumes_setting = true;
 
     /// The gain the automatic step settles at for ES_MAX_GAIN @p max_gain.
     double auto_gain(uint32_t max_gain) const { return std::min(max_gain / gain_unit, gain_cap); }
@@ -75,8 +78,8 @@ struct Engine {
 
 const Engine kEngines[] = {
     {"X7710", true, 256, true, true, by_code, by_code, true},
-    {"X5501", true, 512, true, false, by_code, by_code, true},
-    {"X5501", false, 512, true, false, by_code, by_code, true},  // the layer's lights, no PSoC
+    {"X5501", true, 512, true, false, by_code, by_code, true, false, 64, false},
+    {"X5501", false, 512, true, false, by_code, by_code, true, false, 64, false},  // the layer's lights, no PSoC
     {"MT9V022", true, 256, false, true, by_code, mt9v022_idle, false, false, 2},
     {"KELP", true, 256, true, true, by_code, by_code, true},
     {"RILO", true, 256, true, true, rilo_scan, none, false, false, 2},
@@ -229,6 +232,16 @@ TEST_P(TraitConformance, FixedThenAutomaticExposureReachTheSensor)
         b.stop();
     }
     b.dark_scan_at_limits("automatic after fixed");
+    // The next automatic scan starts at the exposure times gain this one
+    // ended at.
+    const vqxsim::Frame_record end = b.sim->controls();
+    b.stop();
+    b.start();
+    if (e.programs_start && e.resumes_setting) {
+        const vqxsim::Frame_record now = b.sim->controls();
+        const double ended = end.exposure_us * end.gain;
+        EXPECT_NEAR(ended, now.exposure_us * now.gain, ended / 16) << "automatic after automatic";
+    }
 }
 
 // The order auto-fixed-auto: the starting exposure is the smaller of the
@@ -280,8 +293,10 @@ TEST_P(TraitConformance, LightsFollowTheModesAndWaitForPower)
     b.start();
     for (uint32_t m = 0; m < 10; ++m) {
         b.lighting.scanning_mode = m;
+        b.lighting.level_b = 40 + m;
         b.trait->change_lights(b.lighting);
         EXPECT_EQ(e.scan_lights(m), b.lights()) << "scanning mode " << m;
+        EXPECT_EQ(40 + m, b.sim->illum_config()) << "illumination level, scanning mode " << m;
     }
     // Frames with aimer and illumination: an engine that switches its own
     // aimer (no PSoC) shows it only every fourth frame, the others steadily.

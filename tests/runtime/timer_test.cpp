@@ -217,6 +217,22 @@ TEST(Alarm, CancelBeforeDuringAndAfterFiring)
     EXPECT_TRUE(log.messages().empty());
 }
 
+// A cancelled alarm's place in the heap goes to the last alarm, which must
+// move to where its due time belongs: the rest still fire in due order.
+// Made in this order the heap holds them as listed, and the cancelled one
+// (10 ms) is the top's right child, with the last (40 ms) below it.
+TEST(Alarm, AlarmsLeftAfterACancelFireInDueOrder)
+{
+    Clock c;
+    const unsigned base = MT_GetTickCount() + 100;
+    std::vector<Alarm> alarms;
+    for (int ms : {1, 50, 10, 60, 70, 20, 30, 80, 90, 95, 99, 40})
+        alarms.push_back(c.monitor_base().alarm(c, &Clock::take, Counted(ms), base + ms, 0));
+    alarms[2].cancel();
+    ASSERT_TRUE(eventually([&] { return c.get_lock()->taken.size() == 11; }));
+    EXPECT_EQ(c.get_lock()->taken, (std::vector<int>{1, 20, 30, 40, 50, 60, 70, 80, 90, 95, 99}));
+}
+
 TEST(Alarm, MemberFunctionWithArgumentOnAForwardingMonitor)
 {
     Clock c;
