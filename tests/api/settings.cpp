@@ -164,23 +164,26 @@ TEST_F(Settings, PropertiesMatchTheSimulatedEngine)
 TEST_F(Settings, SleepTimeOutPutsTheIdleEngineToSleepAndScanningWakesIt)
 {
     uint32_t ms = 99;
-    ASSERT_EQ(1, VQXSI_SetSleepTimeout(nullptr, 40));
+    ASSERT_EQ(1, VQXSI_SetSleepTimeout(nullptr, 100));
     ASSERT_EQ(1, VQXSI_GetSleepTimeout(nullptr, &ms));
-    EXPECT_EQ(40u, ms);
+    EXPECT_EQ(100u, ms);
     {
         Session s;
         // The first open takes the default; changing the default later does
         // not change the open engine's time-out.
         ASSERT_EQ(1, VQXSI_SetSleepTimeout(nullptr, 0));
         ASSERT_EQ(1, VQXSI_GetSleepTimeout(s, &ms));
-        EXPECT_EQ(40u, ms);
+        EXPECT_EQ(100u, ms);
         EXPECT_TRUE(wait_until([] { return sim().standby(); }, 2000)) << "idle engine did not sleep";
 
         ASSERT_EQ(1, VQXSI_StartScanning(s));
         EXPECT_NE(0u, pull_frames(s, 2).frame_number);
         EXPECT_FALSE(sim().standby());
+        const auto stopped = std::chrono::steady_clock::now();
         ASSERT_EQ(1, VQXSI_StopScanning(s));
         EXPECT_TRUE(wait_until([] { return sim().standby(); }, 2000)) << "engine did not sleep after the scan";
+        EXPECT_GE(std::chrono::steady_clock::now() - stopped, std::chrono::milliseconds(98))
+            << "slept before the time-out";
 
         // Idle lights hold sleep off.
         ASSERT_EQ(1, VQXSI_StartScanning(s));

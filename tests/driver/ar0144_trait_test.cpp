@@ -114,11 +114,15 @@ TEST(AR0144_trait, PowerUpStatesFailuresAndIdleLights)
         EXPECT_EQ(rig.sim->light_register() & 3, idle);
     }
 
-    // An engine mounted upside down reads out rotated (flip and mirror).
-    for (uint32_t orientation : {0u, 180u}) {
-        Rig mounted(1 | orientation << 16);
+    // The variant's table sets the output interface (0x31AE: 0x0201 and
+    // 0x0202 serial with one and two lanes, 0x0200 parallel); an engine
+    // mounted upside down reads out rotated (flip and mirror).
+    struct Mount { uint32_t variant, orientation, interface; };
+    for (const Mount m : {Mount{1, 0, 0x0201}, Mount{2, 180, 0x0202}, Mount{0, 0, 0x0200}, Mount{3, 180, 0x0200}}) {
+        Rig mounted(m.variant | m.orientation << 16);
         ASSERT_TRUE(mounted.trait.power_up_init());
-        EXPECT_EQ(mounted.sim->reg(0x3040) & 0xC000, orientation ? 0xC000 : 0) << orientation;
+        EXPECT_EQ(mounted.sim->reg(0x3040) & 0xC000, m.orientation ? 0xC000 : 0) << m.variant;
+        EXPECT_EQ(mounted.sim->reg(0x31AE), m.interface) << m.variant;
     }
 
     rig.sim->update_faults([](vqxsim::Faults& f) { f.psocfail = vqxsim::Trigger::all(); });  // the sensor reset fails

@@ -223,7 +223,7 @@ TEST(RegisterTableFile, AcceptsTablesAndNamesWhatIsWrong)
                                           {"p.regs", "paged table", 0x01, 0x01, 4, 8, 8, 3, {0, 0x20}}};
     struct Row { int table; const char* text; const char* reason; };
     const Row rows[] = {
-        {0, "# comment\n\n  0x001E   0x0777  # trailing\r\n0x3180=0x87ff\n0xC954 0x009A", nullptr},
+        {0, "# comment\n\n  0x001E   0x0777  # trailing\r\n0x3180=0x87ff\r\n0xC954 0x009A", nullptr},
         {0, "0x001E 0x0777\n0x3181 0x0000\n0xC954 0x009A\n", "line 2: expected"},   // odd register
         {0, "0x001E 0x0777\n0x3180 0x10000\n0xC954 0x009A\n", "line 2: expected"},  // 17-bit value
         {0, "0x001E 0x0777\n0x3180\n0xC954 0x009A\n", "line 2: expected"},          // no value

@@ -275,6 +275,15 @@ TEST_P(StreamSurvival, Run)
         EXPECT_LT(elapsed_ms(start), 2000);
         EXPECT_EQ(1, VQXSI_StopScanning(s));
         EXPECT_EQ(1, VQXSI_StopScanning(s));  // the single frame's start
+
+        // A stop the hardware layer never confirms still ends, by the
+        // driver's own bound: the transfer is stopped.
+        sim->update_faults([](vqxsim::Faults& f) { f.never_confirm_stop = true; });
+        const uint64_t stops = sim->calls("StopScanning");
+        EXPECT_EQ(1, VQXSI_StartScanning(s));
+        EXPECT_EQ(1, VQXSI_StopScanning(s));
+        EXPECT_TRUE(wait_until([&] { return sim->calls("StopScanning") > stops; }, 3000))
+            << "the unconfirmed stop never ended";
     }
 }
 
