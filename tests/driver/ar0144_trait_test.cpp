@@ -13,6 +13,7 @@
 #include "AR0144_trait.h"
 #include "Diagnostics.h"
 #include "Exposure_controller.h"
+#include "Register_burst.h"
 #include "Sensor.h"
 #include "Simulator.h"
 #include "Synchronization.h"
@@ -124,6 +125,13 @@ TEST(AR0144_trait, PowerUpStatesFailuresAndIdleLights)
         EXPECT_EQ(mounted.sim->reg(0x3040) & 0xC000, m.orientation ? 0xC000 : 0) << m.variant;
         EXPECT_EQ(mounted.sim->reg(0x31AE), m.interface) << m.variant;
     }
+
+    // A table walk writes its rows and nothing past them.
+    const Register_pair table[] = {{0x3100, 1}, {0x3102, 2}, {0x3110, 3}, {0x3112, 0xBEEF}};
+    Register_burst burst(rig.hwl);
+    EXPECT_TRUE(burst.write(table, 3));
+    EXPECT_EQ(rig.sim->reg(0x3110), 3);
+    EXPECT_EQ(rig.sim->reg(0x3112), 0) << "the row past the table";
 
     rig.sim->update_faults([](vqxsim::Faults& f) { f.psocfail = vqxsim::Trigger::all(); });  // the sensor reset fails
     rig.writes();

@@ -103,3 +103,21 @@ TEST_F(Stream_test, StartingExposureCarriesTheLastContrast)
               calls().find("change_lights(3) set_starting_exposure_gain(777) set_starting_exposure_gain "));
     EXPECT_EQ(1000u, vsensor().get_lock()->get_contrast());  // the base trait ignores the previous one
 }
+
+// A port may leave out the optional operations of the hardware layer: each
+// then lets the driver go on as if it had succeeded (sessions open, scans
+// start and stop, captures need no preparation), except InitCapture, which
+// a streaming layer must provide.
+TEST(HardwareLayerDefaults, OmittedOperationsLetTheDriverGoOn)
+{
+    Fake_hwl fake;
+    IHwl& layer = fake;
+    IHwl::Config config{};
+    layer.IHwl::GetConfig(&config);
+    EXPECT_EQ(3u, config.capture_mode);
+    EXPECT_TRUE(layer.IHwl::OpenSession());
+    EXPECT_TRUE(layer.IHwl::LoadCaptureInfo() && layer.IHwl::EnableVsyncProcessing());
+    EXPECT_TRUE(layer.IHwl::StartScanning() && layer.IHwl::StopScanning());
+    EXPECT_TRUE(layer.IHwl::RequestStopScanning(nullptr, nullptr));
+    EXPECT_FALSE(layer.IHwl::InitCapture(1));
+}
