@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "Sim_client.h"
@@ -29,6 +30,8 @@ inline vqxsim::Simulator& sim()
         config.engine_id = 0x00007710;
         config.revision_low = 7;
         config.revision_high = 3;
+        const uint8_t aimer_offset[4] = {0, 12, 0xFF, 0xF6};  // x +12, y -10 (big-endian)
+        std::copy(aimer_offset, aimer_offset + 4, config.aimer_offset);
         // Like real transfer hardware, the stop is confirmed a little later: a
         // single-image scan's frame reaches the client before the stream ends.
         config.faults.defer_stop_ms = 5;

@@ -147,8 +147,9 @@ TEST_F(Settings, PropertiesMatchTheSimulatedEngine)
     EXPECT_EQ(3u, p.psoc_rev_high);
     EXPECT_STREQ("API0000042", p.serial_number);
     EXPECT_EQ(0x7710u, p.engine_id);
-    EXPECT_LT(p.aimer_x, p.image_width);
-    EXPECT_LT(p.aimer_y, p.image_height);
+    // The aimer's centre: the image centre moved by the PSoC's offset.
+    EXPECT_EQ(p.image_width / 2 + 12, p.aimer_x);
+    EXPECT_EQ(p.image_height / 2 - 10, p.aimer_y);
 
     // Once the engine has streamed, new sessions see the buffer count.
     ASSERT_EQ(1, VQXSI_StartScanning(a));
