@@ -22,7 +22,7 @@
 //                 register has been written since power-on or reset),
 //                 bit 1 standby status (not streaming, or in standby)
 //   0x306A        datapath status (read only): 0x0100 while the transfer is
-//                 stalled, else 0 (the public documents leave it open)
+//                 stalled, else 0
 // Every other register is plain storage with power-on value 0.
 //
 // Exposure and gain (0x3012, 0x3014, 0x3060, 0x305E) take effect two frames

@@ -21,7 +21,7 @@
 // Exposure counts are 8 pixel clocks at 12 MHz: 1.5 counts a microsecond,
 // the driver's rows-from-microseconds rule. Frame latency: exposure and
 // gain take effect at the frame after the frame period in which they are
-// written (the public documents give none). EXPINT is latched when a frame
+// written. EXPINT is latched when a frame
 // starts, so a read during frame k's period gives frame k's exposure.
 #include <algorithm>
 #include <memory>

@@ -1,7 +1,7 @@
 // Model_Kelp.cpp: the sensor of the "KELP" engine.
 //
 // The Kelp engine is this project's own design; this model implements
-// exactly the register map documented in Sensor/Kelp_trait.h. 1280 x 800,
+// exactly the register map given in Sensor/Kelp_trait.h. 1280 x 800,
 // 8-bit output. 16-bit registers, big-endian over two bytes; transfers
 // count bytes (length 2n moves n registers at the address, address + 2,
 // ...):

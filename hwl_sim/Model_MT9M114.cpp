@@ -48,7 +48,7 @@
 // (its 3- and 2-deep histories); the model follows that arithmetic:
 // integration rows and frame length take effect three frames after the
 // period in which they are written, the gain two (Control_pipeline applies
-// both). The public documents give no latency for this sensor.
+// both).
 //
 // Faults (Config::faults, counted per host command): command_hang leaves a
 // command pending for good (a reset or power cycle clears it);

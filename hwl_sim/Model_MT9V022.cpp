@@ -21,12 +21,15 @@
 // kept; the chip version at 0x00 is not modelled and reads 0). The PSoC's
 // sensor reset line (device 0x82) also restores the power-on values.
 //
+// The registers live in the shared Register_file, register r as the 16-bit
+// word at byte address 2r, so that the 256 registers keep their full 16
+// bits while the addresses the driver uses stay 8-bit.
+//
 // Row time: (752 + 94) master clocks at 24 MHz = 35.25 us, the row the
 // driver's rows-from-microseconds rule assumes. Frame latency: shutter
 // width and gain take effect two frames after the frame period in which
-// they are written (the public documents give none; the engine's trait
-// credits its frames that way). The sensor streams whenever it is powered
-// and out of standby.
+// they are written, the latency the engine's trait credits its frames with.
+// The sensor streams whenever it is powered and out of standby.
 #include <algorithm>
 #include <memory>
 
@@ -39,6 +42,7 @@ namespace {
 constexpr unsigned kWidth = 752;
 constexpr unsigned kHeight = 480;
 constexpr double kRowUs = 35.25;
+constexpr unsigned kRegisters = 256;
 
 enum Reg : unsigned {
     WINDOW_WIDTH = 0x04,
@@ -66,13 +70,15 @@ public:
     std::unique_ptr<IHwl> make_hwl(Sim_core& core) override
     { return std::make_unique<Hwl_face<IHwl_MT9V022>>(core); }
 
+    // Registers are written in address order, so that registers after a
+    // reset in the same transfer keep the values written to them.
     bool write(unsigned address, const uint16_t* values, uint64_t length) override
     {
         if (!valid(address, length))
             return false;
         for (uint64_t i = 0; i < length; ++i) {
             const unsigned reg = address + unsigned(i);
-            regs[reg] = values[i];
+            set(reg, values[i]);
             if (reg == RESET && (values[i] & 1))
                 power_on_values();
         }
@@ -82,10 +88,11 @@ public:
     {
         if (!valid(address, length))
             return false;
-        std::copy_n(regs + address, length, values);
+        for (uint64_t i = 0; i < length; ++i)
+            values[i] = get(address + unsigned(i));
         return true;
     }
-    uint16_t peek(unsigned address) override { return address < 256 ? regs[address] : 0; }
+    uint16_t peek(unsigned address) override { return address < kRegisters ? get(address) : 0; }
     bool is_stream_control(unsigned, uint64_t) const override { return false; }
 
     void set_supply(bool) override { power_on_values(); }
@@ -96,12 +103,12 @@ public:
     Frame_settings controls() const override
     {
         Frame_settings f;
-        const bool auto_exposure = (regs[AEC_AGC] & 1) != 0;
-        const bool auto_gain = (regs[AEC_AGC] & 2) != 0;
-        f.rows = auto_exposure ? 480 : std::max<unsigned>(regs[SHUTTER_WIDTH] & 0x7FFF, 1);
+        const bool auto_exposure = (get(AEC_AGC) & 1) != 0;
+        const bool auto_gain = (get(AEC_AGC) & 2) != 0;
+        f.rows = auto_exposure ? 480 : std::max<unsigned>(get(SHUTTER_WIDTH) & 0x7FFF, 1);
         f.line_time_us = kRowUs;
         f.exposure_us = f.rows * kRowUs;
-        unsigned gain = auto_gain ? 16 : std::min<unsigned>(std::max<unsigned>(regs[ANALOG_GAIN], 16), 64);
+        unsigned gain = auto_gain ? 16 : std::min<unsigned>(std::max<unsigned>(get(ANALOG_GAIN), 16), 64);
         if (gain > 32)
             gain &= ~1u;
         f.analog_code = static_cast<uint16_t>(gain);
@@ -111,20 +118,25 @@ public:
     void begin_frame(Frame_settings& f) override
     {
         f.frame_count = ++frame_count;
-        f.vflip = (regs[READ_MODE] & 0x10) != 0;
-        f.hflip = (regs[READ_MODE] & 0x20) != 0;
+        f.vflip = (get(READ_MODE) & 0x10) != 0;
+        f.hflip = (get(READ_MODE) & 0x20) != 0;
     }
 
 private:
-    static bool valid(unsigned address, uint64_t length) { return length != 0 && address < 256 && length <= 256 - address; }
+    // A transfer must lie within the 256 registers.
+    static bool valid(unsigned address, uint64_t length)
+    { return length != 0 && address < kRegisters && length <= kRegisters - address; }
+    uint16_t get(unsigned reg) const { return regs.word(2 * reg); }
+    void set(unsigned reg, uint16_t value) { regs.set_word(2 * reg, value); }
+    // Every register 0, then the table's values.
     void power_on_values()
     {
-        std::fill(std::begin(regs), std::end(regs), 0);
+        regs = Register_file();
         for (const Register_value& r : kPowerOn)
-            regs[r.address] = r.value;
+            set(r.address, r.value);
     }
 
-    uint16_t regs[256];
+    Register_file regs;  ///< register r at byte address 2r
     uint16_t frame_count = 0;
 };
 

@@ -3,56 +3,60 @@
 // Sim_core owns the sensor model, the capture buffers, the lights, the PSoC,
 // the scene, the renderer, the fault gates and the frame thread. The
 // engine's IHwl object (Hwl_face) forwards every hardware-layer operation to
-// the member of the same name here; Simulator is the public handle.
+// the member of the same name here; Simulator is the public handle. The
+// implementation is split by concern: Sim_core.cpp (creation, accounting,
+// accessors), Sim_transfer.cpp, Sim_power.cpp, Sim_faults.cpp and
+// Sim_frame_thread.cpp.
 //
-// Buffers: an array of Config::buffers buffers of width x height bytes, with
-// handles 0x1001, 0x1002, ... Each is free, armed (InitCapture) or delivered
-// (filled and announced, until ReleaseBuffer). Armed buffers fill in the
-// order they were armed. InitCapture re-arms a delivered buffer, and is a
-// no-op returning true on an armed one. ReleaseBuffer of an armed buffer
-// takes it back before it fills. Capture modes 4 and 6 let the transfer
-// hardware pick free buffers itself (mode 6: one per StartSnapshot).
+// Contracts the driver and the tests rely on:
+//
+// Buffers: Config::buffers buffers of width x height bytes, handles 0x1001,
+// 0x1002, ... Each is free, armed (InitCapture) or delivered (filled and
+// announced, until ReleaseBuffer). Armed buffers fill in arming order.
+// InitCapture re-arms a delivered buffer and is a no-op returning true on an
+// armed one. ReleaseBuffer of an armed buffer takes it back before it fills.
+// Capture modes 4 and 6 fill free buffers without arming (mode 6: one per
+// StartSnapshot).
 //
 // Power: ImagerPowerOn/Off switch the supply (registers return to their
-// power-on values both ways; switching the supply off also clears the PSoC
-// light control); ImagerPowerUp/Down leave and enter standby. The sensor's
-// registers answer only while it is supplied.
+// power-on values both ways; off also clears the PSoC light control);
+// ImagerPowerUp/Down leave and enter standby. Registers answer only while
+// the sensor is supplied.
 //
 // Stopping: RequestStopScanning returns true (the transfer stops at once;
-// the sensor keeps streaming until the driver stops it, so captures already
-// armed still complete) unless a deferred or never-confirmed stop fault is
-// configured: then it returns false and the stop callback comes from the
-// frame thread after the configured delay (or never). A second request
-// while one is pending replaces the callback and keeps the deadline.
+// the sensor keeps streaming, so captures already armed still complete)
+// unless a deferred or never-confirmed stop fault is set: then false, and
+// the stop callback comes from the frame thread after the delay (or never).
+// A second request while one is pending replaces the callback and keeps the
+// deadline.
 //
 // Faults may change while the instance runs (update_faults). With
-// hold_frames on, a filled buffer is delivered without its vsync (held);
-// release_held_frames announces the held frames late, lose_held_frames
-// forgets them (the buffer is free again where the transfer fills free
-// buffers itself, else armed again). A buffer that comes back (ReleaseBuffer,
-// or InitCapture of a filled one) while held loses its frame. A stop the
-// never_confirm_stop fault keeps can still be confirmed by confirm_stop_now.
+// hold_frames a filled buffer is delivered without its vsync (held);
+// release_held_frames announces held frames late, lose_held_frames forgets
+// them (the buffer is free again where the transfer fills free buffers
+// itself, else armed again). A held buffer that comes back (ReleaseBuffer,
+// InitCapture) loses its frame. confirm_stop_now confirms a stop the
+// never_confirm_stop fault keeps.
 //
 // Stall: after Faults::stall_after delivered frames the transfer stalls
-// once: no frames, the frame counter stops, the status still shows
-// streaming with the PLL locked, 0x306A shows 0x0100. StopScanning then
-// StartScanning followed by a write to the streaming control, or
-// ResetTransferHardware, or switching the supply off, clears it.
+// once: no frames, the frame counter stops, the status shows streaming with
+// the PLL locked, 0x306A shows 0x0100. Cleared by StopScanning, StartScanning
+// and then a write to the streaming control; by ResetTransferHardware; or by
+// switching the supply off.
 //
-// Readout: a frame is rendered outside the lock into a private frame, then
-// written into its buffer in strips of rows, in row order, like the
-// transfer hardware's DMA: in real time over most of the frame period, in
-// step mode with short real pauses between strips. The vsync follows the
-// last strip. A buffer taken back (ReleaseBuffer) during the readout loses
-// the frame; no strip is written into it after that. Buffer memory changes
-// only between arming a buffer and its vsync, so capture modes 1-3 can poll
-// an armed buffer's row markers to see how far the frame has come.
+// Readout: a frame is rendered outside the lock, then written into its
+// buffer in strips of rows in row order: over most of the frame period in
+// real time, with short real pauses between strips in step mode. The vsync
+// follows the last strip. A buffer taken back during the readout loses the
+// frame and gets no further strip. Buffer memory changes only between
+// arming and vsync, so capture modes 1-3 can poll an armed buffer's row
+// markers.
 //
-// Memory ordering: the transfer writes while the driver polls, so rows are
-// written with atomic stores; each row's first 4-byte word and the frame's
-// last word are release stores (see publish_rows in Sim_core.cpp). A reader
-// that observes such a word overwritten with a 4-byte acquire load of the
-// same word may read all earlier rows with plain loads.
+// Memory ordering: rows are written with atomic stores; each row's first
+// 4-byte word and the frame's last word are release stores (publish_rows in
+// Sim_frame_thread.cpp). A reader that sees such a word overwritten, with a
+// 4-byte acquire load of that word, may read all earlier rows with plain
+// loads.
 //
 // Threads: one mutex guards all state; it is never held while a callback
 // runs, nor during the render or the pauses between strips.
@@ -128,7 +132,8 @@ public:
     /// else the result is 0), counted and traced under @p name.
     unsigned engine_operation(const char* name, const std::function<unsigned(Sensor_model&)>& op);
 
-    // Control and inspection (Simulator).
+    // Control and inspection behind Simulator (Simulator.h gives their
+    // contracts).
     unsigned step(unsigned frames, unsigned timeout_ms);
     void shutdown();
     uint16_t reg(unsigned address);
@@ -167,6 +172,8 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    static constexpr int first_handle = 0x1001;  ///< handle of buffer 0
+
     struct Buffer {
         Buffer_state state = Buffer_state::free;
         bool has_frame = false;
@@ -174,36 +181,60 @@ private:
         uint64_t announced_frame = 0;  ///< the last frame announced from it
         Frame_record frame;  ///< the frame last put in it
     };
-    struct Event {
-        int handle;
+    /// One frame on its way from the sensor into a buffer (frame thread).
+    struct Frame_job {
+        int index = -1;             ///< the buffer it goes into
+        bool step = false;          ///< a frame that step() asked for
+        Clock::duration period{};   ///< its frame period (zero in step mode)
+        bool drop = false;          ///< fault draws for this frame
+        bool zero = false;
+        bool twice = false;
+        bool unknown = false;
+        Render_params params;
+        std::shared_ptr<const Scene> view;
+        Frame_record record;
     };
 
     Sim_core(const Config& config, std::unique_ptr<Sensor_model> model, std::shared_ptr<const Scene> scene);
 
-    // Call accounting and tracing (lock held).
-    void note(const char* operation);
-    // Buffers (lock held).
-    int index_of(int handle) const;
-    int index_at(const void* address) const;
-    void give_back(Buffer& buffer);
+    // Sim_core.cpp (lock held).
+    void note(const char* operation);  ///< counts one call of @p operation
+    uint64_t elapsed_us() const;       ///< since creation
+    static void record_controls(const Frame_settings& f, Frame_record& record);
+
+    // Sim_transfer.cpp (lock held unless a lock is passed).
+    int index_of(int handle) const;           ///< -1 when no buffer has @p handle
+    int index_at(const void* address) const;  ///< -1 outside the buffers
+    void give_back(Buffer& buffer);           ///< the buffer leaves the driver or is re-armed
     bool self_filling() const { return cfg.capture_mode == 4 || cfg.capture_mode == 6; }
-    int pick_target() const;
+    int pick_target() const;                  ///< the next frame's buffer, or -1
     void disarm(int index);
-    // Frame thread.
+    void confirm_stop(std::unique_lock<std::mutex>& lock);  ///< deferred stop due: callback unlocked
+
+    // Sim_faults.cpp (lock held).
+    bool stall_now();              ///< true when the stall fault fires now
+    void clear_stall();            ///< the transfer works again
+    void clear_restarted_stall();  ///< ends a stall whose restart is complete
+    std::vector<int> settle_frame(const Frame_job& job);  ///< the handles to announce
+
+    // Sim_frame_thread.cpp (lock held; those given the lock release it only
+    // where their comments say).
     void run();
     bool sensor_running() const;
-    void state_changed();
-    void clear_restarted_stall();
+    void state_changed();  ///< after every change that may start or stop frames
     bool frame_possible(Clock::time_point now) const;
     Clock::time_point next_wake() const;
+    Clock::duration frame_period(bool storm);
+    Render_params render_params(const Frame_settings& f) const;
     void produce_frame(std::unique_lock<std::mutex>& lock, bool step_frame, Clock::duration period);
-    bool still_ours(int index) const;
+    Frame_settings sensor_frame();
+    Frame_job begin_job(int index, const Frame_settings& settings, bool step_frame, Clock::duration period);
+    bool fill_buffer(std::unique_lock<std::mutex>& lock, const Frame_job& job, Clock::time_point tick);
+    void file_frame(Frame_job& job);
+    void announce_frame(std::unique_lock<std::mutex>& lock, const std::vector<int>& events, const Frame_job& job);
+    bool still_ours(int index) const;  ///< the readout may still write buffer @p index
     void pause_until(std::unique_lock<std::mutex>& lock, Clock::time_point t);
     bool read_out(std::unique_lock<std::mutex>& lock, int index, Clock::time_point begin, Clock::duration spacing);
-    void confirm_stop(std::unique_lock<std::mutex>& lock);
-    Render_params render_params(const Frame_settings& f) const;
-    Clock::duration frame_period(bool storm);
-    uint64_t elapsed_us() const;
 
     const Config cfg;
     const Clock::time_point start;
