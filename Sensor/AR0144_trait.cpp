@@ -1,4 +1,4 @@
-// AR0144_trait: see AR0144_trait.h for the design and its decisions.
+// AR0144_trait: see AR0144_trait.h.
 #include "AR0144_trait.h"
 
 #include <algorithm>
@@ -7,13 +7,10 @@
 #include <cstring>
 
 #include "AR0144_tables.h"
-#include "Contrast_step.h"
 #include "Diagnostics.h"
 #include "Exposure_controller.h"
 #include "Exposure_rules.h"
 #include "Register_burst.h"
-#include "Scan_driver.h"
-#include "Sensor.h"
 #include "Synchronization.h"
 
 using namespace Synchroniztion_internal;
@@ -21,22 +18,22 @@ using namespace Synchroniztion_internal;
 namespace {
 
 // Sensor registers.
-constexpr unsigned REG_LINE_LENGTH = 0x300C;
-constexpr unsigned REG_COARSE_INTEGRATION = 0x3012;
-constexpr unsigned REG_RESET = 0x301A;
-constexpr unsigned REG_MODE_SELECT = 0x301C;  // 8-bit
-constexpr unsigned REG_PIXEL_DIVIDER = 0x302A;
-constexpr unsigned REG_SYSTEM_DIVIDER = 0x302C;
-constexpr unsigned REG_PRE_PLL_DIVIDER = 0x302E;
-constexpr unsigned REG_PLL_MULTIPLIER = 0x3030;
-constexpr unsigned REG_OUTPUT_DIVIDER_1 = 0x3036;
-constexpr unsigned REG_OUTPUT_DIVIDER_2 = 0x3038;
-constexpr unsigned REG_FRAME_COUNT = 0x303A;
-constexpr unsigned REG_FRAME_STATUS = 0x303C;
-constexpr unsigned REG_READ_MODE = 0x3040;
-constexpr unsigned REG_ANALOG_GAIN = 0x3060;
-constexpr unsigned REG_DATAPATH_STATUS = 0x306A;
-constexpr unsigned REG_3270 = 0x3270;  // engine setting, kept opaque
+constexpr Register REG_LINE_LENGTH = reg16(0x300C);
+constexpr Register REG_COARSE_INTEGRATION = reg16(0x3012);  // followed by the fine time, 0x3014
+constexpr Register REG_RESET = reg16(0x301A);
+constexpr Register REG_MODE_SELECT = reg8(0x301C);
+constexpr Register REG_PIXEL_DIVIDER = reg16(0x302A);
+constexpr Register REG_SYSTEM_DIVIDER = reg16(0x302C);
+constexpr Register REG_PRE_PLL_DIVIDER = reg16(0x302E);
+constexpr Register REG_PLL_MULTIPLIER = reg16(0x3030);
+constexpr Register REG_OUTPUT_DIVIDER_1 = reg16(0x3036);
+constexpr Register REG_OUTPUT_DIVIDER_2 = reg16(0x3038);
+constexpr Register REG_FRAME_COUNT = reg16(0x303A);
+constexpr Register REG_FRAME_STATUS = reg16(0x303C);
+constexpr Register REG_READ_MODE = reg16(0x3040);
+constexpr Register REG_ANALOG_GAIN = reg16(0x3060);
+constexpr Register REG_DATAPATH_STATUS = reg16(0x306A);
+constexpr Register REG_3270 = reg16(0x3270);  // engine setting, kept opaque
 
 // Reset register values: streaming and ready, serial (non-zero variant)
 // and parallel engines.
@@ -61,16 +58,16 @@ constexpr unsigned TABLE_SETTLE_MS = 24;
 constexpr unsigned STANDBY_DELAY_MS = 24;
 constexpr unsigned TRIGGER_ONCE_MS = 30;
 constexpr unsigned MAX_RESUME_MS = 150;
-constexpr unsigned HISTORY_SIZE = 4;
 constexpr unsigned SATURATED_WHITE = 255;
 constexpr unsigned SATURATED_STEP = 8;
 constexpr unsigned MAX_STEP_UP = 16;
-constexpr unsigned HISTORY_FILL = 4;
 constexpr uint8_t MAX_BOOST = 2;
+// Longest run of table rows between two pauses (the tables hold at most 55
+// rows).
+constexpr size_t MAX_TABLE_SEGMENT = Register_burst::max_run;
 
-// Light codes (PSoC): bit 0 aimer, bit 1 illumination.
-constexpr uint8_t LIGHT_AIMER = 1;
-constexpr uint8_t LIGHT_ILLUMINATION = 2;
+constexpr uint8_t LIGHT_AIMER = Lights::AIMER;
+constexpr uint8_t LIGHT_ILLUMINATION = Lights::ILLUMINATION;
 
 constexpr uint32_t START_EXPOSURE_US = 500;
 
@@ -135,19 +132,23 @@ uint16_t AR0144_trait::code_of_gain(unsigned gain)
 // Construction and power
 // ---------------------------------------------------------------------------
 
-AR0144_trait::AR0144_trait(IHwl_AR0144& hwl_, Controller* controller_)
-    : Sensor_trait(hwl_),
-      exposure_history(HISTORY_SIZE),
-      gain_history(HISTORY_SIZE),
-      controller(controller_),
+// Exposure and gain shape the frame two after the period in which they are
+// written, and the sensor counts its frames (0x303A), so frames the driver
+// never saw still move the history. Gain in 1/256 units, the settings' own.
+AR0144_trait::AR0144_trait(IHwl_AR0144& hwl_, const Trait_context& context_)
+    : Sensor_trait(hwl_, context_, Properties{{2, 2}, {1, 0, ~0u}, Register_burst::sixteen_bit, reg8(0)}),
       psoc(&hwl_),
-      psoc_fitted(false)
+      psoc_fitted(false),
+      lights(hwl_, nullptr, true)
 {
-    record_programmed();
+    count_frames_by(REG_FRAME_COUNT);
+    controls.program(coarse_rows, gain_of_code(analog_gain));
     hwl.ImagerPowerOn();
     hwl.ImagerPowerUp();
     power_state = POWER_READY;
     psoc_fitted = hwl.IsPsocSupported();
+    if (psoc_fitted)
+        lights.drive_by(&psoc);
     psoc.init();
 }
 
@@ -157,14 +158,17 @@ AR0144_trait::~AR0144_trait()
     once_alarm.cancel();
 }
 
+// The configuration word: engine variant in bits 0-15, orientation in
+// degrees in bits 16-31. Start-up fills the record after the trait is built,
+// so it is read each time.
 uint32_t AR0144_trait::engine_variant() const
 {
-    return the_scan_driver->config.engine_variant & 0xFFFF;
+    return context.config->engine_variant & 0xFFFF;
 }
 
 uint32_t AR0144_trait::engine_orientation() const
 {
-    return the_scan_driver->config.engine_variant >> 16;
+    return context.config->engine_variant >> 16;
 }
 
 bool AR0144_trait::power_up_init()
@@ -181,6 +185,7 @@ bool AR0144_trait::power_up_init()
     if (was <= POWER_STANDBY)
         hwl.ImagerPowerUp();
     power_state = POWER_READY;
+    controls.halt();
 
     call_aimer();
     psoc.set_lights_mode(lights_mode);
@@ -194,19 +199,19 @@ bool AR0144_trait::power_up_init()
         return false;
     if (!write_shadows())
         return false;
-    record_programmed();
+    controls.program(coarse_rows, gain_of_code(analog_gain));
     const unsigned elapsed = MT_GetTickCount() - start;
     if (elapsed < TABLE_SETTLE_MS)
         MT_Delay(TABLE_SETTLE_MS - elapsed);
 
     if (lights_mode != 0) {
-        if (!write_reg8(REG_MODE_SELECT, 1))
+        if (!registers.write(REG_MODE_SELECT, 1))
             return false;
-        if (!(lights_mode & LIGHT_ILLUMINATION) && !write_reg8(REG_MODE_SELECT, 0))
+        if (!(lights_mode & LIGHT_ILLUMINATION) && !registers.write(REG_MODE_SELECT, 0))
             return false;
     }
     getClocks();
-    second_flag = true;  // the register set is loaded
+    registers_loaded = true;
     return true;
 }
 
@@ -217,49 +222,69 @@ bool AR0144_trait::call_aimer()
     return (layer.*operation)();
 }
 
+// The variant's table, a segment between two pauses at a time: a pause
+// entry writes the rows before it, then waits its milliseconds. An engine
+// mounted at 180 degrees reads out flipped and mirrored. A failed run ends
+// the walk.
 bool AR0144_trait::write_table()
 {
     const AR0144_register_table& table = table_for_variant(engine_variant());
     const bool rotate = engine_orientation() == 180;
 
-    Register_burst burst(hwl);
+    Register_pair segment[MAX_TABLE_SEGMENT];
+    size_t rows = 0;
     for (size_t i = 0; i < table.count; ++i) {
         const AR0144_register_entry& e = table.entries[i];
         if (e.address == ar0144_wait_entry) {
-            if (!burst.flush())
+            if (!registers.write_table(segment, rows))
                 return false;
+            rows = 0;
             MT_Delay(e.value);
             continue;
         }
+        if (rows == MAX_TABLE_SEGMENT) {
+            if (!registers.write_table(segment, rows))
+                return false;
+            rows = 0;
+        }
         uint16_t value = static_cast<uint16_t>(e.value);
-        if (e.address == REG_READ_MODE && rotate)
+        if (e.address == REG_READ_MODE.address && rotate)
             value |= READ_MODE_ROTATE_180;
-        if (!burst.add(e.address, value))
-            return false;
+        segment[rows++] = {static_cast<uint16_t>(e.address), value};
     }
-    return burst.flush();
+    return registers.write_table(segment, rows);
 }
 
+// The exposure shadows: gain, the opaque engine setting, then rows and fine
+// time in one run; the first failure ends the sequence.
 bool AR0144_trait::write_shadows()
 {
-    uint16_t gain = analog_gain;
-    uint16_t setting = reg_0x3270;
-    uint16_t integration[2] = {coarse_rows, fine_time};
-    return hwl.WriteReg(REG_ANALOG_GAIN, &gain, 2) && hwl.WriteReg(REG_3270, &setting, 2) &&
-           hwl.WriteReg(REG_COARSE_INTEGRATION, integration, 4);
+    const uint16_t integration[2] = {coarse_rows, fine_time};
+    Register_sequence shadows(registers);
+    shadows.write(REG_ANALOG_GAIN, analog_gain);
+    shadows.write(REG_3270, reg_0x3270);
+    shadows.write_run(REG_COARSE_INTEGRATION, integration, 2);
+    return shadows.ok();
 }
 
+// A failed read of the clock registers leaves the line time as it was. The
+// line time arithmetic is unsigned 32-bit, far above the sensor's line
+// lengths.
 bool AR0144_trait::getClocks()
 {
     uint16_t m = 0, p = 0, s = 0, d = 0, unused = 0, length = 0;
-    if (!read_reg(REG_PLL_MULTIPLIER, m) || !read_reg(REG_PRE_PLL_DIVIDER, p) ||
-        !read_reg(REG_SYSTEM_DIVIDER, s) || !read_reg(REG_PIXEL_DIVIDER, d))
+    Register_sequence pll(registers);
+    pll.read(REG_PLL_MULTIPLIER, m);
+    pll.read(REG_PRE_PLL_DIVIDER, p);
+    pll.read(REG_SYSTEM_DIVIDER, s);
+    pll.read(REG_PIXEL_DIVIDER, d);
+    if (!pll.ok())
         return false;
     const uint64_t divider = uint64_t(p) * s * d;
     const uint32_t pixel_clock = divider != 0 ? static_cast<uint32_t>(m * REFERENCE_CLOCK_HZ / divider) : 0;
-    read_reg(REG_OUTPUT_DIVIDER_2, unused);
-    read_reg(REG_OUTPUT_DIVIDER_1, unused);
-    if (!read_reg(REG_LINE_LENGTH, length))
+    registers.read(REG_OUTPUT_DIVIDER_2, unused);
+    registers.read(REG_OUTPUT_DIVIDER_1, unused);
+    if (!registers.read(REG_LINE_LENGTH, length))
         return false;
     lineLenght = length;
     lineTimeUs = pixel_clock != 0 ? uint32_t(uint32_t(length) * 1000000u) / pixel_clock : 0;
@@ -271,6 +296,7 @@ void AR0144_trait::sleep()
     alarm.cancel();
     hwl.ImagerPowerDown();
     power_state = POWER_STANDBY;
+    controls.halt();
 }
 
 void AR0144_trait::power_down()
@@ -280,7 +306,8 @@ void AR0144_trait::power_down()
     hwl.ImagerPowerDown();
     hwl.ImagerPowerOff();
     power_state = POWER_OFF;
-    second_flag = false;  // the supply is off: the register set is gone
+    controls.halt();
+    registers_loaded = false;  // the supply is off: the register set is gone
     psoc.invalidate();
 }
 
@@ -293,65 +320,71 @@ bool AR0144_trait::initialize_scanning()
     alarm.cancel();
     // A scan needs the register set loaded: after construction (the supply
     // is on but no table was written), after sleep (standby) and after
-    // power_down the sensor is brought up again here.
-    if (power_state < POWER_READY || !second_flag)
+    // power_down the sensor is brought up again here. A failed power-up
+    // fails the scan start, so the power state manager tries again.
+    if (power_state < POWER_READY || !registers_loaded)
         return power_up_init();
     return true;
 }
 
+// Standby completes 24 ms after the last streaming stop (time for the frame
+// in flight to drain), at once when that has passed already.
 bool AR0144_trait::deinitialize_scanning()
 {
     const unsigned now = MT_GetTickCount();
     const unsigned due = now - reference_time >= STANDBY_DELAY_MS ? now : reference_time + STANDBY_DELAY_MS;
-    Sensor* sensor = the_scan_driver->sensor;
-    if (!sensor) {
-        complete_standby();
-        return true;
-    }
-    alarm = sensor->monitor_base().alarm(*this, &AR0144_trait::complete_standby, due, 0);
+    alarm = context.monitor->alarm(*this, &AR0144_trait::complete_standby, due, 0);
     return true;
 }
 
+// The ready value keeps the stream bit while the idle lights illuminate.
 void AR0144_trait::complete_standby()
 {
     alarm.cancel();
     uint16_t value = engine_variant() != 0 ? RESET_READY_SERIAL : RESET_READY_PARALLEL;
     if (lights_mode & LIGHT_ILLUMINATION)
         value |= RESET_STREAM_BIT;
-    write_reg(REG_RESET, value);
-    if (power_state == POWER_STREAMING)
+    registers.write(REG_RESET, value);
+    if (power_state == POWER_STREAMING) {
         power_state = POWER_READY;
-    apply_lights(lights_mode, 0);
+        controls.halt();
+    }
+    lights.show(lights_mode);
 }
 
 bool AR0144_trait::start_streaming()
 {
     uint16_t mode = 0;
-    if (!hwl.ReadReg(REG_MODE_SELECT, &mode, 1))
+    if (!registers.read(REG_MODE_SELECT, mode))
         return false;
     const bool streaming = power_state == POWER_STREAMING && (mode & 1);
-    if (!streaming) {
-        advance_history(HISTORY_FILL);
-        uint16_t count = 0;
-        const bool counted = read_reg(REG_FRAME_COUNT, count);
-        frame_counter.restart(counted, count);
-    }
-    const bool ok = write_reg(REG_RESET, engine_variant() != 0 ? RESET_STREAM_SERIAL : RESET_STREAM_PARALLEL);
+    // A stream that starts takes its first frames with what the registers
+    // hold now; a stream already running keeps the frames in flight.
+    if (!streaming)
+        controls.restart(read_frame_counter());
+    const bool ok = registers.write(REG_RESET, engine_variant() != 0 ? RESET_STREAM_SERIAL : RESET_STREAM_PARALLEL);
     if (ok)
         power_state = POWER_STREAMING;
+    else if (power_state != POWER_STREAMING)
+        controls.halt();
     return ok;
 }
 
+// Clears the stream bit (the output interface stays enabled) and stops mode
+// select; the sensor finishes the frame in progress. Both writes are made
+// whatever the first one answered.
 bool AR0144_trait::stop_streaming()
 {
     once_alarm.cancel();
     reference_time = MT_GetTickCount();
     const uint16_t stream = engine_variant() != 0 ? RESET_STREAM_SERIAL : RESET_STREAM_PARALLEL;
-    const bool reset_ok = write_reg(REG_RESET, stream & ~RESET_STREAM_BIT);
-    const bool mode_ok = write_reg8(REG_MODE_SELECT, 0);
+    const bool reset_ok = registers.write(REG_RESET, static_cast<uint16_t>(stream & ~RESET_STREAM_BIT));
+    const bool mode_ok = registers.write(REG_MODE_SELECT, 0);
     const bool ok = reset_ok && mode_ok;
-    if (ok && power_state == POWER_STREAMING)
+    if (ok && power_state == POWER_STREAMING) {
         power_state = POWER_READY;
+        controls.halt();
+    }
     return ok;
 }
 
@@ -365,22 +398,16 @@ void AR0144_trait::trigger_off()
     stop_streaming();
 }
 
+// Streams for 30 ms, then stops. The stop is an alarm, not a wait: in
+// capture modes 6 and 7 this runs in the frame callback, and holding the
+// callback thread (and the driver's lock) for the window would hold back
+// the very frame it triggers. A new trigger extends the window.
 void AR0144_trait::trigger_once()
 {
     if (!start_streaming())
         return;
-    Sensor* sensor = the_scan_driver ? the_scan_driver->sensor : nullptr;
-    if (!sensor) {  // the trait used on its own: nothing else would stop it
-        MT_Delay(TRIGGER_ONCE_MS);
-        stop_streaming();
-        return;
-    }
-    // The stop is an alarm, not a wait: in capture modes 6 and 7 this runs in
-    // the frame callback, and holding the callback thread (and the driver's
-    // lock) for the window would hold back the very frame it triggers.
     once_alarm.cancel();
-    once_alarm = sensor->monitor_base().alarm(*this, &AR0144_trait::end_trigger_once,
-                                              MT_GetTickCount() + TRIGGER_ONCE_MS, 0);
+    once_alarm = context.monitor->alarm(*this, &AR0144_trait::end_trigger_once, MT_GetTickCount() + TRIGGER_ONCE_MS, 0);
 }
 
 void AR0144_trait::end_trigger_once()
@@ -417,20 +444,15 @@ bool AR0144_trait::init_capture(const IHwl::Image_buffer_pointers* buffer)
     return hwl.InitCapture(buffer->handle);
 }
 
-IHwl::Image_buffer_pointers* AR0144_trait::get_image_buffers(uint64_t& count)
-{
-    return hwl.GetImageBuffers(count);
-}
-
-bool AR0144_trait::register_frame_notifications(Frame_callback callback, void* context)
-{
-    return hwl.RegisterVsyncNotification(callback, context);
-}
-
+// Standby: start streaming again. PLL not locked: keep waiting. Otherwise
+// restart the stream, on the last try after restarting the transfer path.
 bool AR0144_trait::check_stall(int8_t tries_left)
 {
     uint16_t frames = 0, status = 0;
-    if (!read_reg(REG_FRAME_COUNT, frames) || !read_reg(REG_FRAME_STATUS, status))
+    Register_sequence look(registers);
+    look.read(REG_FRAME_COUNT, frames);
+    look.read(REG_FRAME_STATUS, status);
+    if (!look.ok())
         return false;
     dbg_output("Stall%d: Status = 0x%02X frames = %d\n", int(tries_left), unsigned(status), int(frames));
     if (status & STATUS_STANDBY)
@@ -439,7 +461,7 @@ bool AR0144_trait::check_stall(int8_t tries_left)
         return true;
 
     uint16_t datapath = 0;
-    if (read_reg(REG_DATAPATH_STATUS, datapath))
+    if (registers.read(REG_DATAPATH_STATUS, datapath))
         dbg_output("Stall%d: datapath_status = 0x%04X\n", int(tries_left), unsigned(datapath));
     if (tries_left == 0) {
         const bool stopped = hwl.RequestStopScanning(nullptr, nullptr);
@@ -449,119 +471,69 @@ bool AR0144_trait::check_stall(int8_t tries_left)
             return false;
     }
     const bool serial = engine_variant() != 0;
-    write_reg(REG_RESET, serial ? RESET_RESTART_SERIAL : RESET_STREAM_PARALLEL);
-    return write_reg(REG_RESET, serial ? RESET_STREAM_SERIAL : RESET_STREAM_PARALLEL);
+    registers.write(REG_RESET, serial ? RESET_RESTART_SERIAL : RESET_STREAM_PARALLEL);
+    return registers.write(REG_RESET, serial ? RESET_STREAM_SERIAL : RESET_STREAM_PARALLEL);
 }
 
 // ---------------------------------------------------------------------------
 // Exposure and gain
 // ---------------------------------------------------------------------------
 
+// Gain first, then rows and fine time in one run, back to back at the
+// frame's programming point. The history records what the registers hold
+// after clamping and quantisation (a failed write leaves the old value).
 bool AR0144_trait::set_exposure_gain(unsigned rows, unsigned gain)
 {
     const uint16_t programmed_rows = static_cast<uint16_t>(std::min(std::max(rows, 1u), max_rows));
-    uint16_t code = code_of_gain(gain);
-    uint16_t integration[2] = {programmed_rows, fine_time};
+    const uint16_t code = code_of_gain(gain);
+    const uint16_t integration[2] = {programmed_rows, fine_time};
     // The values shape the frame two after the one during which they are
     // written, which is not always the one exposure_frame() saw: a frame
     // the transfer lost leaves the sensor running on while the update is
-    // computed. Step the histories to the frame of the write itself.
-    if (power_state == POWER_STREAMING && frame_counter.counting())
-        follow_frame_counter();
+    // computed. Move the history to the frame of the write itself.
+    follow_frame_counter();
     bool ok = true;
-    if (hwl.WriteReg(REG_ANALOG_GAIN, &code, 2))
+    if (registers.write(REG_ANALOG_GAIN, code))
         analog_gain = code;
     else
         ok = false;
-    if (hwl.WriteReg(REG_COARSE_INTEGRATION, integration, 4))
+    if (registers.write_run(REG_COARSE_INTEGRATION, integration, 2))
         coarse_rows = programmed_rows;
     else
         ok = false;
-    record_programmed();
+    controls.program(coarse_rows, gain_of_code(analog_gain));
     return ok;
 }
 
-void AR0144_trait::record_programmed()
+bool AR0144_trait::program(const Exposure_point& point)
 {
-    exposure_history.newest() = coarse_rows;
-    gain_history.newest() = gain_of_code(analog_gain);
+    return set_exposure_gain(point.rows, point.gain);
 }
 
 unsigned AR0144_trait::max_gain_setting() const
 {
-    return std::min<unsigned>(controller->settings.max_gain, gain_of_code(max_gain_code));
+    return std::min<unsigned>(settings().max_gain, gain_of_code(max_gain_code));
 }
 
-void AR0144_trait::split_contrast(unsigned contrast, unsigned& rows, unsigned& gain)
+// Exposure first (less noise): rows at the minimum gain up to the row limit,
+// and only beyond it the gain rises, at most ES_MAX_GAIN (and about 30x).
+AR0144_trait::Exposure_point AR0144_trait::split(unsigned contrast)
 {
-    const unsigned limit = std::max(std::min(controller->max_exposure.current_rows(), max_rows), 1u);
+    const unsigned limit = std::max(std::min(controller->max_rows(), max_rows), 1u);
     const unsigned min_gain = gain_of_code(min_gain_code);
     const unsigned wanted_rows = (contrast + min_gain / 2) / min_gain;
-    if (wanted_rows <= limit) {
-        rows = std::max(wanted_rows, 1u);
-        gain = min_gain;
-        return;
-    }
-    rows = limit;
-    gain = gain_of_code(code_of_gain(std::min(contrast / limit, max_gain_setting())));
+    if (wanted_rows <= limit)
+        return {std::max(wanted_rows, 1u), min_gain};
+    return {limit, gain_of_code(code_of_gain(std::min(contrast / limit, max_gain_setting())))};
 }
 
-bool AR0144_trait::program_fixed(unsigned& contrast)
-{
-    const Exposure_settings& s = controller->settings;
-    const bool ok = set_exposure_gain(controller->fixed_exposure.current_rows(), s.fixed_gain);
-    contrast = exposure_history.newest() * gain_history.newest();
-    return ok;
-}
-
-bool AR0144_trait::set_starting_exposure_gain(unsigned int& contrast)
-{
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    if (s.mode < 2)
-        return program_fixed(contrast);
-    const unsigned rows = std::min({controller->start_exposure.current_rows(),
-                                    controller->max_exposure.current_rows(), max_rows});
-    const bool ok = set_exposure_gain(rows, std::min(s.start_gain, max_gain_setting()));
-    contrast = exposure_history.newest() * gain_history.newest();
-    return ok;
-}
-
-bool AR0144_trait::set_starting_exposure_gain(unsigned int exposure, unsigned int& contrast)
-{
-    if (!controller)
-        return false;
-    if (controller->settings.mode < 2 || exposure == 0)
-        return set_starting_exposure_gain(contrast);
-    unsigned rows = 1, gain = 0;
-    split_contrast(exposure, rows, gain);
-    const bool ok = set_exposure_gain(rows, gain);
-    contrast = exposure_history.newest() * gain_history.newest();
-    return ok;
-}
-
-bool AR0144_trait::update_contrast(unsigned int white, unsigned int contrast, unsigned int& new_contrast)
-{
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    if (s.mode < 2)
-        return program_fixed(new_contrast);
-    unsigned rows = 1, gain = 0;
-    split_contrast(contrast_step(white, contrast, s), rows, gain);
-    const bool ok = set_exposure_gain(rows, gain);
-    new_contrast = exposure_history.newest() * gain_history.newest();
-    return ok;
-}
-
-unsigned AR0144_trait::contrast_step(unsigned white, unsigned contrast, const Exposure_settings& s)
+unsigned AR0144_trait::step(unsigned white, unsigned contrast)
 {
     // A saturated white value says only that the frame is too bright by some
     // unknown factor of at least 255 / target: step down eight-fold, not by
     // that lower bound, so that a scene many times too bright settles in two
     // updates instead of four or more.
-    const unsigned target = s.target_value;
+    const unsigned target = settings().target_value;
     if (white >= SATURATED_WHITE && target < SATURATED_WHITE)
         return std::max(contrast / SATURATED_STEP, 1u);
     // Upward the white value is trusted down to a sixteenth of the target
@@ -572,89 +544,32 @@ unsigned AR0144_trait::contrast_step(unsigned white, unsigned contrast, const Ex
     return static_cast<unsigned>(std::min<uint64_t>(std::max<uint64_t>(c, 1), UINT32_MAX));
 }
 
-void AR0144_trait::advance_history(unsigned frames)
+void AR0144_trait::update_exposure_settings(Exposure_settings& settings_)
 {
-    for (unsigned i = 0; i < frames; ++i) {
-        exposure_history.advance();
-        gain_history.advance();
-    }
-}
-
-void AR0144_trait::exposure_frame()
-{
-    follow_frame_counter();
-}
-
-void AR0144_trait::follow_frame_counter()
-{
-    // Sensor frames since the last call, from the frame counter: frames the
-    // driver never saw (no buffer armed, dropped by the transfer) still
-    // moved the sensor's pipeline. A repeated call for the same frame moves
-    // nothing. Without a counter reading, one frame.
-    uint16_t count = 0;
-    const bool counted = read_reg(REG_FRAME_COUNT, count);
-    advance_history(frame_counter.since(counted, count, HISTORY_SIZE));
-    exposure_now = exposure_history.at(DELIVERED_SLOT);
-    gain_now = gain_history.at(DELIVERED_SLOT);
-    contrast_now = exposure_now * gain_now;
-}
-
-unsigned int AR0144_trait::current_contrast()
-{
-    return contrast_now;
-}
-
-unsigned int AR0144_trait::current_exposure()
-{
-    // The frame being delivered may not be the one exposure_frame() saw: in
-    // capture modes 1 to 3 a frame lost after its inter-frame point is
-    // followed in the same buffer by the next one, whose inter-frame point
-    // the driver never sees. The counter says so; then step to it.
-    if (power_state == POWER_STREAMING && frame_counter.counting())
-        follow_frame_counter();
-    return exposure_now;
-}
-
-unsigned int AR0144_trait::current_gain()
-{
-    return gain_now;
-}
-
-void AR0144_trait::update_exposure_settings(Exposure_settings& settings)
-{
-    settings.start_exposure = START_EXPOSURE_US;
-    settings.fixed_exposure = START_EXPOSURE_US;
+    settings_.start_exposure = START_EXPOSURE_US;
+    settings_.fixed_exposure = START_EXPOSURE_US;
 }
 
 // ---------------------------------------------------------------------------
 // Lights
 // ---------------------------------------------------------------------------
 
-bool AR0144_trait::apply_lights(uint8_t code, uint8_t boost_level)
-{
-    if (psoc_fitted) {
-        hwl.AimOff();
-        const bool mode_ok = psoc.set_lights_mode(code);
-        const bool boost_ok = psoc.set_boost(boost_level, boost_level != 0);
-        return mode_ok && boost_ok;
-    }
-    const bool aim_ok = (code & LIGHT_AIMER) ? hwl.AimOn() : hwl.AimOff();
-    const bool illum_ok = (code & LIGHT_ILLUMINATION) ? hwl.IllumOn() : hwl.IllumOff();
-    return aim_ok && illum_ok;
-}
-
+// Between scans: idle illumination keeps the sensor streaming, an
+// aimer-only code pulses mode select, no lights stop it.
 void AR0144_trait::idle_streaming(uint8_t code)
 {
     if (code & LIGHT_ILLUMINATION) {
-        write_reg8(REG_MODE_SELECT, 1);
+        registers.write(REG_MODE_SELECT, 1);
     } else if (code != 0) {
-        write_reg8(REG_MODE_SELECT, 1);
-        write_reg8(REG_MODE_SELECT, 0);
+        registers.write(REG_MODE_SELECT, 1);
+        registers.write(REG_MODE_SELECT, 0);
     } else {
-        write_reg8(REG_MODE_SELECT, 0);
+        registers.write(REG_MODE_SELECT, 0);
     }
 }
 
+// While the sensor is off or asleep the codes are only remembered
+// (power_up_init applies them).
 bool AR0144_trait::change_lights(const _tagVQX_SCANNER_LIGHTING& lighting)
 {
     lights_mode = Psoc::get_lights_mode(lighting.idle_mode);
@@ -662,12 +577,12 @@ bool AR0144_trait::change_lights(const _tagVQX_SCANNER_LIGHTING& lighting)
     boost = static_cast<uint8_t>(std::min<uint32_t>(lighting.boost, MAX_BOOST));
     aimer = (!psoc_fitted && (lights_mode & LIGHT_AIMER)) ? &IHwl::AimOn : &IHwl::AimOff;
     if (power_state < POWER_READY)
-        return true;
+        return Lights::held();
 
     hwl.IllumConfig(lighting.level_b);
     if (scanning_initialised)
-        return apply_lights(scan_lights, boost);
-    const bool ok = apply_lights(lights_mode, 0);
+        return lights.show(scan_lights, boost);
+    const bool ok = lights.show(lights_mode);
     if (power_state == POWER_READY)
         idle_streaming(lights_mode);
     return ok;
@@ -677,6 +592,10 @@ bool AR0144_trait::change_lights(const _tagVQX_SCANNER_LIGHTING& lighting)
 // Properties
 // ---------------------------------------------------------------------------
 
+// Each field is written only when the caller's size reaches its end. The
+// aimer offset (PSoC, two big-endian signed 16-bit values, column then row)
+// moves the aimer centre, the other way on an engine mounted at 180 degrees
+// (the image is rotated), held inside the image.
 bool AR0144_trait::update_properties(VQX_SCANENGINE_PROPERTIES_EX& p)
 {
     const uint32_t size = p.size;
@@ -704,25 +623,4 @@ bool AR0144_trait::update_properties(VQX_SCANENGINE_PROPERTIES_EX& p)
     if (reaches(offsetof(P, engine_id), sizeof p.engine_id))
         p.engine_id = psoc.get_engine_id();
     return true;
-}
-
-// ---------------------------------------------------------------------------
-// Register access
-// ---------------------------------------------------------------------------
-
-bool AR0144_trait::write_reg(unsigned address, uint16_t value)
-{
-    return hwl.WriteReg(address, &value, 2);
-}
-
-bool AR0144_trait::write_reg8(unsigned address, uint8_t value)
-{
-    uint16_t v = value;
-    return hwl.WriteReg(address, &v, 1);
-}
-
-bool AR0144_trait::read_reg(unsigned address, uint16_t& value)
-{
-    value = 0;
-    return hwl.ReadReg(address, &value, 2);
 }

@@ -3,9 +3,7 @@
 
 #include <algorithm>
 
-#include "Contrast_step.h"
 #include "Diagnostics.h"
-#include "Exposure_controller.h"
 #include "Exposure_rules.h"
 #include "Synchronization.h"
 
@@ -42,8 +40,9 @@ uint16_t Aptina_trait::gain_code(unsigned gain)
     return 96;
 }
 
-Aptina_trait::Aptina_trait(IHwl_aptina& hwl_, Controller* controller_)
-    : Sensor_trait(hwl_), aptina(hwl_), controller(controller_)
+Aptina_trait::Aptina_trait(IHwl_aptina& hwl_, const Trait_context& context_)
+    : Sensor_trait(hwl_, context_, layer_programmed),
+      aptina(hwl_)
 {
 }
 
@@ -127,11 +126,6 @@ void Aptina_trait::trigger_once() {}
 
 void Aptina_trait::trigger_off() {}
 
-bool Aptina_trait::update_properties(VQX_SCANENGINE_PROPERTIES_EX&)
-{
-    return true;
-}
-
 bool Aptina_trait::change_lights(const _tagVQX_SCANNER_LIGHTING& lighting)
 {
     if (!scanning_initialised)
@@ -156,60 +150,20 @@ bool Aptina_trait::set_exposure_gain(unsigned rows, unsigned gain)
     return true;
 }
 
-bool Aptina_trait::set_starting_exposure_gain(unsigned int& contrast)
+bool Aptina_trait::program(const Exposure_point& point)
 {
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    unsigned rows, gain;
-    if (s.mode >= 2) {
-        rows = std::min(controller->start_exposure.current_rows(), controller->max_exposure.current_rows());
-        gain = std::min(s.start_gain, s.max_gain);
-    } else {
-        rows = controller->fixed_exposure.current_rows();
-        gain = s.fixed_gain;
-    }
-    silent_trace("set_starting_exposure\nexposure = %u\nusec=%u\ngain=%u", rows, s.start_exposure, gain);
-    const bool ok = set_exposure_gain(rows, gain);
-    if (ok)
-        contrast = gain * rows;
-    return ok;
+    return set_exposure_gain(point.rows, point.gain);
 }
 
-bool Aptina_trait::set_starting_exposure_gain(unsigned int c, unsigned int& contrast)
+bool Aptina_trait::program_start(const Exposure_point& point)
 {
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    unsigned rows, gain;
-    if (s.mode >= 2) {
-        gain = s.max_gain;
-        rows = std::max(gain != 0 ? c / gain : 0u, 1u);
-    } else {
-        rows = controller->fixed_exposure.current_rows();
-        gain = s.fixed_gain;
-    }
-    silent_trace("set_starting_exposure\nexposure = %u\ngain=%u", rows, gain);
-    const bool ok = set_exposure_gain(rows, gain);
-    if (ok)
-        contrast = rows * gain;
-    return ok;
+    silent_trace("set_starting_exposure\nexposure = %u\ngain=%u", point.rows, point.gain);
+    return set_exposure_gain(point.rows, point.gain);
 }
 
-bool Aptina_trait::update_contrast(unsigned int white, unsigned int contrast, unsigned int& new_contrast)
+// The automatic rows are not bounded by the longest exposure setting: the
+// layer bounds them (set_exposure_gain).
+unsigned Aptina_trait::row_limit()
 {
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    unsigned rows, gain;
-    if (s.mode >= 2) {
-        gain = s.max_gain;
-        const unsigned c = shared_contrast_step(white, contrast, s);
-        rows = std::max(gain != 0 ? c / gain : 0u, 1u);
-    } else {
-        rows = controller->fixed_exposure.current_rows();
-        gain = s.fixed_gain;
-    }
-    new_contrast = rows * gain;
-    return set_exposure_gain(rows, gain);
+    return ~0u;
 }

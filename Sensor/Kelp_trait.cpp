@@ -1,34 +1,31 @@
-// Kelp_trait: see Kelp_trait.h for the design and its register map.
+// Kelp_trait: see Kelp_trait.h; docs/engines/KELP.md describes the engine.
 #include "Kelp_trait.h"
 
 #include <algorithm>
 
-#include "Contrast_step.h"
 #include "Exposure_controller.h"
 #include "Exposure_rules.h"
 #include "Psoc.h"
-#include "Register_burst.h"
 
 namespace {
 
-constexpr unsigned HISTORY_SIZE = 4;
 constexpr unsigned START_EXPOSURE_US = 520;
 constexpr unsigned MAX_REGISTER = 65535;
 constexpr unsigned MAX_RESUME_MS = 300;
 
-// Light codes: bit 0 aimer, bit 1 illumination.
-constexpr uint8_t LIGHT_AIMER = 1;
-constexpr uint8_t LIGHT_ILLUMINATION = 2;
-
 // Power-up: reset, stand by, then a starting exposure and gain (about
 // 520 us at 1x) until the first scan programs its own.
 const Register_pair init_table[] = {
-    {Kelp_trait::REG_RESET, 1},
-    {Kelp_trait::REG_MODE, 0},
-    {Kelp_trait::REG_EXPOSURE, 21},
-    {Kelp_trait::REG_GAIN, 256},
+    {Kelp_trait::REG_RESET.address, 1},
+    {Kelp_trait::REG_MODE.address, 0},
+    {Kelp_trait::REG_EXPOSURE.address, 21},
+    {Kelp_trait::REG_GAIN.address, 256},
 };
 constexpr size_t init_table_size = sizeof init_table / sizeof init_table[0];
+
+// Exposure and gain shape the frame two after the one of their write; the
+// gain unit is the settings' own (at least 1).
+constexpr Control_history::Delays kelp_delays{Kelp_trait::FRAME_LATENCY, Kelp_trait::FRAME_LATENCY};
 
 } // namespace
 
@@ -37,23 +34,11 @@ uint32_t Kelp_trait::exposure_rows(const Kelp_trait&, uint32_t us)
     return rows_kelp(us);
 }
 
-Kelp_trait::Kelp_trait(IHwl_kelp& hwl_, Controller* controller_)
-    : Sensor_trait(hwl_),
-      exposure_history(HISTORY_SIZE),
-      gain_history(HISTORY_SIZE),
-      controller(controller_)
+Kelp_trait::Kelp_trait(IHwl_kelp& hwl_, const Trait_context& context_)
+    : Sensor_trait(hwl_, context_, Properties{kelp_delays, {1, 1, ~0u}, Register_burst::sixteen_bit, reg8(0)}),
+      lights(hwl_, nullptr)
 {
-}
-
-bool Kelp_trait::write_reg(uint16_t address, uint16_t value)
-{
-    return hwl.WriteReg(address, &value, 2);
-}
-
-bool Kelp_trait::read_reg(uint16_t address, uint16_t& value)
-{
-    value = 0;
-    return hwl.ReadReg(address, &value, 2);
+    count_frames_by(REG_FRAME_COUNT);
 }
 
 // ---------------------------------------------------------------------------
@@ -64,13 +49,11 @@ bool Kelp_trait::power_up_init()
 {
     hwl.ImagerPowerOn();
     hwl.ImagerPowerUp();
-    streaming = false;
-    Register_burst burst(hwl);
-    powered = burst.write(init_table, init_table_size);
-    if (powered) {
-        exposure_history.newest() = table_value(init_table, init_table_size, REG_EXPOSURE);
-        gain_history.newest() = table_value(init_table, init_table_size, REG_GAIN);
-    }
+    controls.halt();
+    powered = registers.write_table(init_table, init_table_size);
+    if (powered)
+        controls.program(table_value(init_table, init_table_size, REG_EXPOSURE.address),
+                         table_value(init_table, init_table_size, REG_GAIN.address));
     wake();
     return powered;
 }
@@ -78,8 +61,8 @@ bool Kelp_trait::power_up_init()
 void Kelp_trait::wake()
 {
     awake = true;
-    hwl.IllumConfig(lights.level_b);
-    apply_lights(lights_in_force());
+    hwl.IllumConfig(lighting.level_b);
+    lights.show(lights_in_force());
 }
 
 void Kelp_trait::power_on()
@@ -89,19 +72,18 @@ void Kelp_trait::power_on()
 
 void Kelp_trait::power_off()
 {
-    hwl.AimOff();
-    hwl.IllumOff();
+    lights.off();
     hwl.ImagerPowerDown();
     hwl.ImagerPowerOff();
     powered = false;
-    streaming = false;
+    controls.halt();
     awake = false;
 }
 
 void Kelp_trait::sleep()
 {
     hwl.ImagerPowerDown();
-    streaming = false;
+    controls.halt();
     awake = false;
 }
 
@@ -116,40 +98,47 @@ bool Kelp_trait::initialize_scanning()
 
 bool Kelp_trait::deinitialize_scanning()
 {
-    return apply_lights(Psoc::get_lights_mode(lights.idle_mode));
+    return lights.show(Psoc::get_lights_mode(lighting.idle_mode));
 }
 
 // ---------------------------------------------------------------------------
 // Streaming
 // ---------------------------------------------------------------------------
 
+void Kelp_trait::start_frames()
+{
+    // The frames to come are taken with what the registers hold now.
+    if (!controls.running())
+        controls.restart(read_frame_counter());
+}
+
 void Kelp_trait::trigger_on()
 {
-    if (!streaming) {
-        restart_histories();
-    }
-    streaming = write_reg(REG_MODE, MODE_STREAM);
+    start_frames();
+    if (!registers.write(REG_MODE, MODE_STREAM))
+        controls.halt();
     single_frames = false;
 }
 
 void Kelp_trait::trigger_off()
 {
-    write_reg(REG_MODE, 0);
-    streaming = false;
+    registers.write(REG_MODE, 0);
+    controls.halt();
 }
 
 void Kelp_trait::trigger_once()
 {
-    if (!streaming) {
-        restart_histories();
-    }
-    write_reg(REG_MODE, MODE_SINGLE_FRAME);
-    streaming = false;  // the sensor stands by again after the frame
+    start_frames();
+    registers.write(REG_MODE, MODE_SINGLE_FRAME);
+    controls.halt();  // the sensor stands by again after the frame
     single_frames = true;
 }
 
 bool Kelp_trait::check_stall(int8_t)
 {
+    // A lost single frame is triggered again by the driver; streaming here
+    // would run frames through the two-frame pipeline single frames do not
+    // credit.
     const bool single = single_frames;
     trigger_off();
     if (!single)
@@ -167,165 +156,51 @@ bool Kelp_trait::init_capture(const IHwl::Image_buffer_pointers* buffer)
     return buffer != nullptr && hwl.InitCapture(buffer->handle);
 }
 
-IHwl::Image_buffer_pointers* Kelp_trait::get_image_buffers(uint64_t& count)
-{
-    return hwl.GetImageBuffers(count);
-}
-
-bool Kelp_trait::register_frame_notifications(Frame_callback callback, void* context)
-{
-    return hwl.RegisterVsyncNotification(callback, context);
-}
-
 // ---------------------------------------------------------------------------
 // Exposure and gain
 // ---------------------------------------------------------------------------
 
-void Kelp_trait::step(unsigned frames)
-{
-    for (unsigned i = 0; i < frames; ++i) {
-        exposure_history.advance();
-        gain_history.advance();
-    }
-}
-
-void Kelp_trait::restart_histories()
-{
-    // The frames to come were taken with what the registers hold now.
-    step(HISTORY_SIZE);
-    uint16_t count = 0;
-    const bool counted = read_reg(REG_FRAME_COUNT, count);
-    frame_counter.restart(counted, count);
-}
-
-void Kelp_trait::exposure_frame()
-{
-    uint16_t count = 0;
-    const bool counted = read_reg(REG_FRAME_COUNT, count);
-    step(frame_counter.since(counted, count, HISTORY_SIZE));
-    exposure_now = exposure_history.at(DELIVERED_SLOT);
-    gain_now = gain_history.at(DELIVERED_SLOT);
-    contrast_now = exposure_now * gain_now;
-}
-
 bool Kelp_trait::set_exposure_gain(unsigned rows, unsigned gain)
 {
-    const uint16_t r = static_cast<uint16_t>(std::min(std::max(rows, 1u), MAX_REGISTER));
-    const uint16_t g = static_cast<uint16_t>(std::min(std::max(gain, 1u), MAX_REGISTER));
-    uint16_t values[2] = {r, g};  // exposure and gain, one burst
-    // Credit the values to the frame during which they are written (see
-    // AR0144_trait::set_exposure_gain): step to it first.
-    if (streaming && frame_counter.counting())
-        exposure_frame();
-    if (!hwl.WriteReg(REG_EXPOSURE, values, sizeof values))
+    const uint16_t values[2] = {static_cast<uint16_t>(std::min(std::max(rows, 1u), MAX_REGISTER)),
+                                static_cast<uint16_t>(std::min(std::max(gain, 1u), MAX_REGISTER))};
+    // Credit the values to the frame during which they are written.
+    follow_frame_counter();
+    if (!registers.write_run(REG_EXPOSURE, values, 2))  // exposure and gain, one burst
         return false;
-    exposure_history.newest() = r;
-    gain_history.newest() = g;
+    controls.program(values[0], values[1]);
     return true;
 }
 
-void Kelp_trait::contrast_to_exposure_gain(unsigned contrast, unsigned& rows, unsigned& gain)
+bool Kelp_trait::program(const Exposure_point& point)
 {
-    gain = std::max(controller->settings.max_gain, 1u);
-    const unsigned limit = controller->max_exposure.current_rows() & 0xFFFF;
-    rows = contrast / gain;
-    rows = rows == 0 ? 1 : std::min(rows, limit);
+    return set_exposure_gain(point.rows, point.gain);
 }
 
-bool Kelp_trait::set_starting_exposure_gain(unsigned int& contrast)
+unsigned Kelp_trait::row_limit()
 {
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    unsigned rows, gain;
-    if (s.mode >= 2) {
-        rows = std::min(controller->start_exposure.current_rows(), controller->max_exposure.current_rows());
-        gain = std::max(std::min(s.start_gain, s.max_gain), 1u);
-    } else {
-        rows = controller->fixed_exposure.current_rows();
-        gain = std::max(s.fixed_gain, 1u);
-    }
-    const bool ok = set_exposure_gain(rows, gain);
-    contrast = exposure_history.newest() * gain_history.newest();
-    return ok;
+    return controller->max_rows() & 0xFFFF;
 }
 
-bool Kelp_trait::set_starting_exposure_gain(unsigned int exposure, unsigned int& contrast)
+void Kelp_trait::update_exposure_settings(Exposure_settings& settings_)
 {
-    if (!controller)
-        return false;
-    if (controller->settings.mode < 2 || exposure == 0)
-        return set_starting_exposure_gain(contrast);
-    unsigned rows, gain;
-    contrast_to_exposure_gain(exposure, rows, gain);
-    const bool ok = set_exposure_gain(rows, gain);
-    contrast = exposure_history.newest() * gain_history.newest();
-    return ok;
-}
-
-bool Kelp_trait::update_contrast(unsigned int white, unsigned int contrast, unsigned int& new_contrast)
-{
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    unsigned rows, gain;
-    if (s.mode < 2) {
-        rows = controller->fixed_exposure.current_rows();
-        gain = std::max(s.fixed_gain, 1u);
-    } else {
-        contrast_to_exposure_gain(shared_contrast_step(white, contrast, s), rows, gain);
-    }
-    const bool ok = set_exposure_gain(rows, gain);
-    new_contrast = exposure_history.newest() * gain_history.newest();
-    return ok;
-}
-
-unsigned int Kelp_trait::current_contrast()
-{
-    return contrast_now;
-}
-
-unsigned int Kelp_trait::current_exposure()
-{
-    return exposure_now;
-}
-
-unsigned int Kelp_trait::current_gain()
-{
-    return gain_now;
-}
-
-void Kelp_trait::update_exposure_settings(Exposure_settings& settings)
-{
-    settings.start_exposure = START_EXPOSURE_US;
-}
-
-bool Kelp_trait::update_properties(VQX_SCANENGINE_PROPERTIES_EX&)
-{
-    return true;
+    settings_.start_exposure = START_EXPOSURE_US;
 }
 
 // ---------------------------------------------------------------------------
 // Lights
 // ---------------------------------------------------------------------------
 
-bool Kelp_trait::apply_lights(uint8_t code)
-{
-    const bool aim = (code & LIGHT_AIMER) ? hwl.AimOn() : hwl.AimOff();
-    const bool illum = (code & LIGHT_ILLUMINATION) ? hwl.IllumOn() : hwl.IllumOff();
-    return aim && illum;
-}
-
 uint8_t Kelp_trait::lights_in_force() const
 {
-    return Psoc::get_lights_mode(scanning_initialised ? lights.scanning_mode : lights.idle_mode);
+    return Psoc::get_lights_mode(scanning_initialised ? lighting.scanning_mode : lighting.idle_mode);
 }
 
-bool Kelp_trait::change_lights(const _tagVQX_SCANNER_LIGHTING& lighting)
+bool Kelp_trait::change_lights(const _tagVQX_SCANNER_LIGHTING& wanted)
 {
-    lights = lighting;
+    lighting = wanted;
     if (!awake)
-        return true;  // held until the engine wakes
-    hwl.IllumConfig(lighting.level_b);
-    return apply_lights(lights_in_force());
+        return Lights::held();  // shown when the engine wakes
+    hwl.IllumConfig(wanted.level_b);
+    return lights.show(lights_in_force());
 }

@@ -1,40 +1,36 @@
-// MT9V022_trait: see MT9V022_trait.h for the design and its decisions.
+// MT9V022_trait: see MT9V022_trait.h; docs/engines/MT9V022.md describes the engine.
 #include "MT9V022_trait.h"
 
 #include <algorithm>
 
-#include "Contrast_step.h"
 #include "Diagnostics.h"
 #include "Exposure_controller.h"
 #include "Exposure_rules.h"
 #include "Psoc.h"
-#include "Scan_driver.h"
-#include "Sensor.h"
 #include "Synchronization.h"
 
 using namespace Synchroniztion_internal;
 
-Alarm late_vsync_alarm;
-
 namespace {
 
-constexpr unsigned REG_SHUTTER_WIDTH = 0x0B;
-constexpr unsigned REG_ANALOG_GAIN = 0x35;
-constexpr unsigned REG_CHIP_VERSION = 0x00;
-constexpr unsigned REG_LAST = 0xFF;
+constexpr Register REG_SHUTTER_WIDTH = reg16(0x0B);
+constexpr Register REG_ANALOG_GAIN = reg16(0x35);
+constexpr Register REG_CHIP_VERSION = reg16(0x00);
+constexpr Register REG_LAST = reg16(0xFF);
 
-// PSoC: light control byte, and the device that resets the sensor.
-constexpr unsigned char PSOC_LED_CONTROL = 50;
+// The PSoC device that resets the sensor.
 constexpr unsigned char PSOC_SENSOR_RESET = 0x82;
 
-constexpr unsigned HISTORY_SIZE = 3;
 constexpr unsigned POWER_SETTLE_MS = 30;
 constexpr unsigned RESET_SETTLE_MS = 50;
 // The sensor applies shutter width and gain two frames after they are
 // written: two frames of the table's timing (480 + 45 rows of 35.25 us,
 // 18.5 ms each) with room for a slower frame rate.
 constexpr unsigned TABLE_SETTLE_MS = 50;
-constexpr unsigned AUTO_GAIN_LIMIT = 32;
+// Shutter width and gain reach the frame two after the one of their
+// write. Gain in 1/16 units; the automatic split uses at most 2x (a
+// settings gain of 512).
+constexpr Control_history::Delays mt9v022_delays{2, 2};
 constexpr unsigned MAX_RESUME_MS = 300;
 
 // The register table, written in this order (0x10, 0x15, 0x2C and 0xC2
@@ -62,11 +58,10 @@ uint32_t MT9V022_trait::exposure_rows(const MT9V022_trait&, uint32_t us)
     return rows_mt9v022(us);
 }
 
-MT9V022_trait::MT9V022_trait(IHwl_MT9V022& hwl_, Controller* controller_)
-    : Sensor_trait(hwl_),
-      exposure_history(HISTORY_SIZE),
-      gain_history(HISTORY_SIZE),
-      controller(controller_)
+MT9V022_trait::MT9V022_trait(IHwl_MT9V022& hwl_, const Trait_context& context_)
+    : Sensor_trait(hwl_, context_, Properties{mt9v022_delays, {16, 0, 512}, Register_burst::one_by_one, reg8(0)}),
+      psoc(&hwl_),
+      lights(hwl_, &psoc)
 {
 }
 
@@ -87,12 +82,11 @@ void MT9V022_trait::power_on()
 
 void MT9V022_trait::power_off()
 {
-    hwl.AimOff();
-    hwl.IllumOff();
+    lights.off();
     hwl.ImagerPowerDown();
     hwl.ImagerPowerOff();
     power_state = POWER_OFF;
-    PSOC_Cachex::invalidate();
+    psoc.invalidate();
 }
 
 bool MT9V022_trait::power_up_init()
@@ -103,15 +97,15 @@ bool MT9V022_trait::power_up_init()
     hwl.ImagerPowerUp();
     power_state = POWER_ON;
     MT_Delay(POWER_SETTLE_MS);
-    set_lights_mode(idle_led);
+    psoc.set_lights_mode(idle_led);
     unsigned char zero = 0;
     hwl.WriteIIC_PSOC(PSOC_SENSOR_RESET, &zero, 1);
     MT_Delay(RESET_SETTLE_MS);
     const bool ok = iic_initialization();
     if (ok) {
         uint16_t unused = 0;
-        if (hwl.ReadReg(REG_CHIP_VERSION, &unused, 1))
-            hwl.ReadReg(REG_LAST, &unused, 1);
+        if (registers.read(REG_CHIP_VERSION, unused))
+            registers.read(REG_LAST, unused);
         MT_Delay(TABLE_SETTLE_MS);  // the first frame of a scan is taken with the table
     }
     return ok;
@@ -119,8 +113,7 @@ bool MT9V022_trait::power_up_init()
 
 bool MT9V022_trait::iic_initialization()
 {
-    Register_burst burst(hwl, Register_burst::one_by_one);
-    if (!burst.write(init_table, init_table_size)) {
+    if (!registers.write_table(init_table, init_table_size)) {
         dbg_output("WriteIIC failed in power_up_init\r\n");
         return false;
     }
@@ -130,8 +123,8 @@ bool MT9V022_trait::iic_initialization()
 
 void MT9V022_trait::record_table_exposure()
 {
-    exposure_history.newest() = table_value(init_table, init_table_size, REG_SHUTTER_WIDTH);
-    gain_history.newest() = table_value(init_table, init_table_size, REG_ANALOG_GAIN);
+    controls.program(table_value(init_table, init_table_size, REG_SHUTTER_WIDTH.address),
+                     table_value(init_table, init_table_size, REG_ANALOG_GAIN.address));
 }
 
 void MT9V022_trait::late_vsync()
@@ -156,9 +149,7 @@ bool MT9V022_trait::initialize_scanning()
 
 bool MT9V022_trait::deinitialize_scanning()
 {
-    hwl.AimOff();
-    hwl.IllumOff();
-    set_lights_mode(idle_led);
+    lights.show(idle_led);
     hwl.ImagerPowerDown();
     power_state = POWER_ASLEEP;
     return true;
@@ -172,44 +163,29 @@ void MT9V022_trait::trigger_on()
 {
     hwl.LoadCaptureInfo();
     hwl.EnableVsyncProcessing();
-    for (unsigned i = 0; i < HISTORY_SIZE; ++i) {
-        exposure_history.advance();
-        gain_history.advance();
-    }
-    take_oldest();
+    controls.restart();
     late_vsync_alarm.cancel();
-    Sensor* sensor = the_scan_driver ? the_scan_driver->sensor : nullptr;
-    if (!sensor)
-        return;  // the trait used on its own: nothing to watch with
-    // Scheduled inside the monitor; should it not be entered, the alarm is
-    // still scheduled.
-    auto hold = sensor->get_lock();
-    SD_ASSERT(hold, "p_t", "jni/../../Sensor/MT9V022_trait", __LINE__);
+    // Scheduled inside the monitor.
+    Monitor_entry hold(*context.monitor);
     late_vsync_alarm =
-        sensor->monitor_base().alarm(*this, &MT9V022_trait::late_vsync, MT_GetTickCount() + late_vsync_ms, 0);
+        context.monitor->alarm(*this, &MT9V022_trait::late_vsync, MT_GetTickCount() + late_vsync_ms, 0);
 }
 
 void MT9V022_trait::eof(int handle, void* context)
 {
     auto* self = static_cast<MT9V022_trait*>(context);
-    Sensor* sensor = the_scan_driver ? the_scan_driver->sensor : nullptr;
-    if (!sensor) {
-        if (self->client_callback)
-            self->client_callback(handle, self->client_context);
-        return;
-    }
-    auto hold = sensor->get_lock();
-    late_vsync_alarm.cancel();
+    Monitor_entry hold(*self->context.monitor);
+    self->late_vsync_alarm.cancel();
     if (self->client_callback)
         self->client_callback(handle, self->client_context);
 }
 
-bool MT9V022_trait::register_frame_notifications(Frame_callback callback, void* context)
+bool MT9V022_trait::register_frame_notifications(Frame_callback callback, void* context_)
 {
     if (!callback)
         return hwl.RegisterVsyncNotification(nullptr, nullptr);
     client_callback = callback;
-    client_context = context;
+    client_context = context_;
     return hwl.RegisterVsyncNotification(&MT9V022_trait::eof, this);
 }
 
@@ -218,68 +194,36 @@ bool MT9V022_trait::init_capture(const IHwl::Image_buffer_pointers* buffer)
     return buffer != nullptr && hwl.InitCapture(buffer->handle);
 }
 
-IHwl::Image_buffer_pointers* MT9V022_trait::get_image_buffers(uint64_t& count)
-{
-    return hwl.GetImageBuffers(count);
-}
-
 // ---------------------------------------------------------------------------
 // Exposure and gain
 // ---------------------------------------------------------------------------
 
-void MT9V022_trait::take_oldest()
-{
-    exposure_now = exposure_history.at(HISTORY_SIZE - 1);
-    gain_now = gain_history.at(HISTORY_SIZE - 1);
-    contrast_now = exposure_now * gain_now;
-}
-
-void MT9V022_trait::exposure_frame()
-{
-    exposure_history.advance();
-    gain_history.advance();
-    take_oldest();
-}
-
 bool MT9V022_trait::set_exposure_gain(unsigned rows, unsigned gain)
 {
-    uint16_t r = static_cast<uint16_t>(std::min(std::max(rows, min_rows), max_rows));
-    uint16_t g = static_cast<uint16_t>(std::min(std::max(gain, min_gain), max_gain));
-    if (!hwl.WriteReg(REG_SHUTTER_WIDTH, &r, 1) || !hwl.WriteReg(REG_ANALOG_GAIN, &g, 1))
+    const uint16_t r = static_cast<uint16_t>(std::min(std::max(rows, min_rows), max_rows));
+    const uint16_t g = static_cast<uint16_t>(std::min(std::max(gain, min_gain), max_gain));
+    Register_sequence writes(registers);
+    writes.write(REG_SHUTTER_WIDTH, r);
+    writes.write(REG_ANALOG_GAIN, g);
+    if (!writes.ok())
         return false;
-    exposure_history.newest() = r;
-    gain_history.newest() = g;
+    controls.program(r, g);
     return true;
 }
 
-unsigned MT9V022_trait::auto_gain() const
+bool MT9V022_trait::program(const Exposure_point& point)
 {
-    const unsigned max_gain_setting = controller->settings.max_gain;
-    return max_gain_setting < 512 ? (max_gain_setting + 8) >> 4 : AUTO_GAIN_LIMIT;
+    return set_exposure_gain(point.rows, point.gain);
 }
 
-void MT9V022_trait::contrast_to_exposure_gain(unsigned contrast, unsigned& rows, unsigned& gain)
-{
-    gain = auto_gain();
-    const unsigned limit = controller->max_exposure.current_rows();
-    rows = gain != 0 ? contrast / gain : 0;
-    rows = rows == 0 ? 1 : std::min(rows, limit);
-}
-
+// A scan starts from what the sensor holds: the starting setting is only
+// reported.
 bool MT9V022_trait::set_starting_exposure_gain(unsigned int& contrast)
 {
     if (!controller)
         return false;
-    const Exposure_settings& s = controller->settings;
-    unsigned rows, gain;
-    if (s.mode >= 2) {
-        rows = std::min(controller->start_exposure.current_rows(), controller->max_exposure.current_rows());
-        gain = (std::min(s.start_gain, s.max_gain) + 8) >> 4;
-    } else {
-        rows = controller->fixed_exposure.current_rows();
-        gain = (s.fixed_gain + 8) >> 4;
-    }
-    contrast = rows * gain;
+    const Exposure_point start = automatic() ? start_point() : fixed_point();
+    contrast = start.rows * start.gain;
     return true;
 }
 
@@ -287,48 +231,10 @@ bool MT9V022_trait::set_starting_exposure_gain(unsigned int exposure, unsigned i
 {
     if (!controller)
         return false;
-    if (controller->settings.mode >= 2) {
-        unsigned rows = 1, gain = 1;
-        contrast_to_exposure_gain(exposure, rows, gain);
-        contrast = rows * gain;
+    if (automatic()) {
+        const Exposure_point start = split(exposure);
+        contrast = start.rows * start.gain;
     }
-    return true;
-}
-
-bool MT9V022_trait::update_contrast(unsigned int white, unsigned int contrast, unsigned int& new_contrast)
-{
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    unsigned rows, gain;
-    if (s.mode < 2) {
-        rows = controller->fixed_exposure.current_rows();
-        gain = (s.fixed_gain + 8) >> 4;
-    } else {
-        contrast_to_exposure_gain(shared_contrast_step(white, contrast, s), rows, gain);
-    }
-    const bool ok = set_exposure_gain(rows, gain);
-    new_contrast = exposure_history.newest() * gain_history.newest();
-    return ok;
-}
-
-unsigned int MT9V022_trait::current_contrast()
-{
-    return contrast_now;
-}
-
-unsigned int MT9V022_trait::current_exposure()
-{
-    return exposure_now;
-}
-
-unsigned int MT9V022_trait::current_gain()
-{
-    return gain_now;
-}
-
-bool MT9V022_trait::update_properties(VQX_SCANENGINE_PROPERTIES_EX&)
-{
     return true;
 }
 
@@ -341,37 +247,12 @@ unsigned int MT9V022_trait::GetMaxResumeTime()
 // Lights
 // ---------------------------------------------------------------------------
 
-bool MT9V022_trait::set_lights_mode(uint8_t code)
-{
-    PSOC_Cachex* cache = PSOC_Cachex::Get_psoc_cache(hwl, PSOC_LED_CONTROL);
-    if (!cache)
-        return false;
-    if (!cache->valid) {
-        unsigned char value = 0;
-        if (!hwl.ReadIIC_PSOC(PSOC_LED_CONTROL, &value, 1))
-            return false;
-        cache->value = value;
-        cache->valid = true;
-    }
-    unsigned char wanted = static_cast<unsigned char>((code & 3) | (cache->value & 0xFC));
-    if (cache->valid && cache->value == wanted)
-        return true;
-    if (!hwl.WriteIIC_PSOC(PSOC_LED_CONTROL, &wanted, 1)) {
-        cache->valid = false;
-        return false;
-    }
-    cache->value = wanted;
-    return true;
-}
-
 bool MT9V022_trait::change_lights(const _tagVQX_SCANNER_LIGHTING& lighting)
 {
     idle_led = idle_led_mode(lighting.idle_mode) ? 1 : 0;
     const uint8_t code = scanning_initialised ? Psoc::get_lights_mode(lighting.scanning_mode) : idle_led;
     if (power_state != POWER_ON)
-        return true;
+        return Lights::held();
     hwl.IllumConfig(lighting.level_b);
-    hwl.AimOff();
-    hwl.IllumOff();
-    return set_lights_mode(code);
+    return lights.show(code);
 }

@@ -20,7 +20,7 @@ bool Register_burst::flush()
         return true;
     const size_t length = count;
     count = 0;
-    if (hwl.WriteReg(first, values, layout.length_per_value * length))
+    if (hwl.WriteReg(first, values, (layout.counts_bytes ? 2 * length : length)))
         return true;
     failed_first = first;
     failed_length = length;

@@ -36,9 +36,9 @@ struct Register_pair {
 
 /// How an engine's registers are addressed and counted in a transfer.
 struct Register_layout {
-    unsigned stride;            ///< address step between consecutive registers
-    unsigned length_per_value;  ///< WriteReg length units per register
-    size_t max_run;             ///< most registers in one WriteReg
+    unsigned stride;   ///< address step between consecutive registers
+    bool counts_bytes; ///< transfer lengths count bytes (else registers)
+    size_t max_run;    ///< most registers in one WriteReg
 };
 
 /// The value the last row for @p address in @p table gives it (0 if none):
@@ -56,8 +56,8 @@ class Register_burst {
 public:
     /// Longest run any layout may ask for.
     static constexpr size_t max_run = 128;
-    static constexpr Register_layout sixteen_bit{2, 2, max_run};
-    static constexpr Register_layout one_by_one{1, 1, 1};
+    static constexpr Register_layout sixteen_bit{2, true, max_run};
+    static constexpr Register_layout one_by_one{1, false, 1};
 
     explicit Register_burst(IHwl& hwl, const Register_layout& layout = sixteen_bit)
         : hwl(hwl), layout(layout) {}

@@ -1,30 +1,32 @@
-// Rilo_trait: see Rilo_trait.h for the design and its decisions.
+// Rilo_trait: see Rilo_trait.h; docs/engines/RILO.md describes the engine.
 #include "Rilo_trait.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <utility>
 
-#include "Contrast_step.h"
 #include "Diagnostics.h"
-#include "Exposure_controller.h"
 #include "Exposure_rules.h"
-#include "Scan_driver.h"
-#include "Sensor.h"
+#include "monitor.h"
 
 namespace {
 
-constexpr uint8_t REG_PAGE = 3;
+constexpr Register REG_PAGE = reg8(3);
 constexpr uint8_t PAGE_CONTROL = 0;
-constexpr uint8_t REG_POWER = 1;  // bit 0: sleep
 constexpr uint8_t PAGE_EXPOSURE = 0x20;
-constexpr uint8_t REG_EXPINT = 128;          // 128-130, high byte first
-constexpr uint8_t REG_EXPOSURE = 131;        // 131-133, high byte first
-constexpr uint8_t REG_GAIN = 176;
+constexpr Register REG_POWER = paged8(PAGE_CONTROL, 1);  // bit 0: sleep
+// EXPINT (what the frame was taken with) and the exposure to program, three
+// bytes each, high byte first.
+constexpr Register REG_EXPINT[3] = {paged8(PAGE_EXPOSURE, 128), paged8(PAGE_EXPOSURE, 129), paged8(PAGE_EXPOSURE, 130)};
+constexpr Register REG_EXPOSURE[3] = {paged8(PAGE_EXPOSURE, 131), paged8(PAGE_EXPOSURE, 132), paged8(PAGE_EXPOSURE, 133)};
+constexpr Register REG_GAIN = paged8(PAGE_EXPOSURE, 176);
 
 constexpr uint32_t ENGINE_ID_CLASS = 15;
 constexpr uint32_t MAX_EXPINT = 0xFFFFFE;
-constexpr unsigned AUTO_GAIN_LIMIT = 64;
+// No history: what a frame was taken with is read back. Gain in 1/32
+// units (a settings gain / 8); the automatic split uses at most a settings
+// gain of 512.
+constexpr Control_history::Delays read_back{0, 0};
 
 // Exposure values the sensor is given, for rows 300 to 13400 in steps of
 // 150 (index (rows - 225) / 150). 8888 is an irregular step of the table.
@@ -43,8 +45,8 @@ static_assert(sizeof exposure_table / sizeof exposure_table[0] == 88, "88 exposu
 // The trait later writes page 0 register 1 and page 0x20 registers 131-133
 // and 176: the table must select both pages.
 const Register_table_file rilo_init_table = {
-    "hi704a_init.regs", "Hi704A initial register table", REG_POWER, REG_POWER, 343, 8, 8,
-    REG_PAGE, {PAGE_CONTROL, PAGE_EXPOSURE},
+    "hi704a_init.regs", "Hi704A initial register table", REG_POWER.address, REG_POWER.address, 343, 8, 8,
+    REG_PAGE.address, {PAGE_CONTROL, PAGE_EXPOSURE},
 };
 
 uint32_t Rilo_trait::exposure_rows(const Rilo_trait&, uint32_t us)
@@ -66,32 +68,11 @@ uint8_t Rilo_trait::gain_register_of(unsigned g)
     return static_cast<uint8_t>(g > 16 ? std::min(g - 16, 255u) : 0);
 }
 
-Rilo_trait::Rilo_trait(IHwl_rilo& hwl_, Controller* controller_, std::vector<Register_pair> table)
-    : Sensor_trait(hwl_), controller(controller_), init_table(std::move(table))
+Rilo_trait::Rilo_trait(IHwl_rilo& hwl_, const Trait_context& context_, std::vector<Register_pair> table)
+    : Sensor_trait(hwl_, context_, Properties{read_back, {8, 0, 512}, Register_burst::one_by_one, REG_PAGE}),
+      lights(hwl_, nullptr),
+      init_table(std::move(table))
 {
-}
-
-// ---------------------------------------------------------------------------
-// Register access
-// ---------------------------------------------------------------------------
-
-bool Rilo_trait::write8(uint8_t reg, uint8_t value)
-{
-    uint16_t v = value;
-    return hwl.WriteReg(reg, &v, 1);
-}
-
-bool Rilo_trait::read8(uint8_t reg, uint8_t& value)
-{
-    uint16_t v = 0;
-    const bool ok = hwl.ReadReg(reg, &v, 1);
-    value = static_cast<uint8_t>(v);
-    return ok;
-}
-
-bool Rilo_trait::select_page(uint8_t page)
-{
-    return write8(REG_PAGE, page);
 }
 
 // ---------------------------------------------------------------------------
@@ -107,8 +88,7 @@ bool Rilo_trait::power_up_init()
 {
     hwl.ImagerPowerOn();
     hwl.ImagerPowerUp();
-    Register_burst burst(hwl, Register_burst::one_by_one);
-    if (!burst.write(init_table.data(), init_table.size())) {
+    if (!registers.write_table(init_table.data(), init_table.size())) {
         dbg_output("WriteReg failed in power_up_init\r\n");
         return false;
     }
@@ -122,8 +102,7 @@ bool Rilo_trait::initialize_scanning()
 
 bool Rilo_trait::deinitialize_scanning()
 {
-    hwl.AimOff();
-    hwl.IllumOff();
+    lights.off();
     return true;
 }
 
@@ -134,11 +113,11 @@ void Rilo_trait::trigger_once()
 
 bool Rilo_trait::set_sleep(bool sleep)
 {
+    Register_sequence access(registers);
     uint8_t power = 0;
-    select_page(PAGE_CONTROL);
-    const bool read = read8(REG_POWER, power);
+    const bool read = access.read8(REG_POWER, power);
     if (read)
-        write8(REG_POWER, static_cast<uint8_t>(sleep ? power | 1 : power & ~1u));
+        access.write(REG_POWER, static_cast<uint8_t>(sleep ? power | 1 : power & ~1u));
     return read;
 }
 
@@ -159,11 +138,6 @@ bool Rilo_trait::init_capture(const IHwl::Image_buffer_pointers* buffer)
     return buffer != nullptr && hwl.InitCapture(buffer->handle);
 }
 
-IHwl::Image_buffer_pointers* Rilo_trait::get_image_buffers(uint64_t& count)
-{
-    return hwl.GetImageBuffers(count);
-}
-
 Rilo_trait::~Rilo_trait()
 {
     withdraw_own_frame_callback(client_callback, client_context);
@@ -181,12 +155,7 @@ void Rilo_trait::eof(int handle, void* context)
     auto* self = static_cast<Rilo_trait*>(context);
     if (self->client_callback)
         self->client_callback(handle, self->client_context);
-    Sensor* sensor = the_scan_driver ? the_scan_driver->sensor : nullptr;
-    if (!sensor) {
-        self->expint = expint_unknown;
-        return;
-    }
-    auto hold = sensor->get_lock();
+    Monitor_entry hold(*self->context.monitor);
     self->expint = expint_unknown;
 }
 
@@ -199,79 +168,36 @@ uint32_t Rilo_trait::read_expint()
     if (expint != expint_unknown)
         return expint;
     frame_gain = gain;  // the gain in force for the frame being read
-    uint8_t high = 0, middle = 0, low = 0;
-    if (!select_page(PAGE_EXPOSURE) || !read8(REG_EXPINT, high) || !read8(REG_EXPINT + 1, middle) ||
-        !read8(REG_EXPINT + 2, low)) {
+    Register_sequence access(registers);
+    uint32_t counts = 0;
+    for (const Register& r : REG_EXPINT) {
+        uint8_t byte = 0;
+        access.read8(r, byte);
+        counts = (counts << 8) | byte;
+    }
+    if (!access.ok()) {
         silent_trace("Error reading EXPINT registers\n");
         return 0;
     }
-    expint = (uint32_t(high) << 16) | (uint32_t(middle) << 8) | low;
+    expint = counts;
     return expint;
 }
 
 bool Rilo_trait::set_exposure_gain(unsigned rows, unsigned g)
 {
     const unsigned value = quantised_exposure(rows);
-    const bool ok = select_page(PAGE_EXPOSURE) && write8(REG_EXPOSURE, uint8_t(value >> 16)) &&
-                    write8(REG_EXPOSURE + 1, uint8_t(value >> 8)) && write8(REG_EXPOSURE + 2, uint8_t(value)) &&
-                    write8(REG_GAIN, gain_register_of(g));
-    if (ok)
+    Register_sequence writes(registers);
+    for (unsigned i = 0; i < 3; ++i)
+        writes.write(REG_EXPOSURE[i], static_cast<uint8_t>(value >> (16 - 8 * i)));
+    writes.write(REG_GAIN, gain_register_of(g));
+    if (writes.ok())
         gain = g;
-    return ok;
+    return writes.ok();
 }
 
-void Rilo_trait::split(unsigned contrast, unsigned& rows, unsigned& g) const
+bool Rilo_trait::program(const Exposure_point& point)
 {
-    const unsigned max_gain_setting = controller->settings.max_gain;
-    g = max_gain_setting < 512 ? (max_gain_setting + 4) >> 3 : AUTO_GAIN_LIMIT;
-    const unsigned limit = controller->max_exposure.current_rows();
-    rows = g != 0 ? contrast / g : 0;
-    rows = rows == 0 ? 1 : std::min(rows, limit);
-}
-
-bool Rilo_trait::set_starting_exposure_gain(unsigned int& contrast)
-{
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    unsigned rows, g;
-    if (s.mode >= 2) {
-        rows = std::min(controller->start_exposure.current_rows(), controller->max_exposure.current_rows());
-        g = (std::min(s.max_gain, s.start_gain) + 4) >> 3;
-    } else {
-        rows = controller->fixed_exposure.current_rows();
-        g = (s.fixed_gain + 4) >> 3;
-    }
-    contrast = g * rows;
-    return set_exposure_gain(rows, g);
-}
-
-bool Rilo_trait::set_starting_exposure_gain(unsigned int exposure, unsigned int& contrast)
-{
-    if (!controller)
-        return false;
-    if (controller->settings.mode < 2 || exposure == 0)
-        return set_starting_exposure_gain(contrast);
-    unsigned rows, g;
-    split(exposure, rows, g);
-    contrast = g * rows;
-    return set_exposure_gain(rows, g);
-}
-
-bool Rilo_trait::update_contrast(unsigned int white, unsigned int contrast, unsigned int& new_contrast)
-{
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    unsigned rows, g;
-    if (s.mode < 2) {
-        rows = controller->fixed_exposure.current_rows();
-        g = (s.fixed_gain + 4) >> 3;
-    } else {
-        split(shared_contrast_step(white, contrast, s), rows, g);
-    }
-    new_contrast = rows * g;
-    return set_exposure_gain(rows, g);
+    return set_exposure_gain(point.rows, point.gain);
 }
 
 unsigned int Rilo_trait::current_contrast()
@@ -303,25 +229,23 @@ bool Rilo_trait::update_properties(VQX_SCANENGINE_PROPERTIES_EX& p)
 // Lights
 // ---------------------------------------------------------------------------
 
+// The lights show only while scanning, by the scanning mode: none (0), the
+// aimer (1, 8), the illumination (2, 7) or both (every other mode).
 bool Rilo_trait::change_lights(const _tagVQX_SCANNER_LIGHTING& lighting)
 {
     if (!scanning_initialised)
-        return true;
+        return Lights::held();
     hwl.IllumConfig(lighting.level_b);
     switch (lighting.scanning_mode) {
     case 0:
-        hwl.IllumOff();
-        return hwl.AimOff();
+        return lights.show(0);
     case 1:
     case 8:
-        hwl.IllumOff();
-        return hwl.AimOn();
+        return lights.show(Lights::AIMER);
     case 2:
     case 7:
-        hwl.IllumOn();
-        return hwl.AimOff();
+        return lights.show(Lights::ILLUMINATION);
     default:
-        hwl.IllumOn();
-        return hwl.AimOn();
+        return lights.show(Lights::AIMER | Lights::ILLUMINATION);
     }
 }

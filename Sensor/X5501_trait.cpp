@@ -1,4 +1,4 @@
-// X5501_trait: see X5501_trait.h for the design and its decisions.
+// X5501_trait: see X5501_trait.h.
 #include "X5501_trait.h"
 
 #include <algorithm>
@@ -6,27 +6,28 @@
 
 #include "Diagnostics.h"
 #include "Exposure_rules.h"
-#include "Scan_driver.h"
 #include "Synchronization.h"
-#include "X5501_Exposure_controller.h"
 #include "X5501_tables.h"
 
 using namespace Synchroniztion_internal;
 
 namespace {
 
-// Sensor registers and firmware variables.
-constexpr uint16_t REG_HOST_COMMAND = 0x0080;
-constexpr uint16_t REG_LOGICAL_ADDRESS = 0x098E;
-constexpr uint16_t REG_RESET = 0x001A;
-constexpr uint16_t REG_GAIN = 0x305E;
-constexpr uint16_t REG_FRAME_LENGTH = 0x300A;
-constexpr uint16_t REG_INTEGRATION = 0x3012;
-constexpr uint16_t VAR_SYSTEM_STATE = 0xDC00;
-constexpr uint16_t VAR_COMMAND_STATUS = 0xDC02;
-constexpr uint16_t CAM_FRAME_LENGTH = 0xC812;
-constexpr uint16_t CAM_INTEGRATION = 0xC83C;
-constexpr uint16_t CAM_GAIN = 0xC836;
+// Sensor registers and firmware variables. A 16-bit read returns the
+// sensor's big-endian register order: the low byte of a read at 0xDC00 is
+// the system state, the high byte of a read at 0xDC02 the status of the
+// last command.
+constexpr Register REG_HOST_COMMAND = reg16(0x0080);
+constexpr Register REG_LOGICAL_ADDRESS = reg16(0x098E);  // followed by the value, 0x0990
+constexpr Register REG_RESET = reg16(0x001A);
+constexpr Register REG_GAIN = reg16(0x305E);
+constexpr Register REG_FRAME_LENGTH = reg16(0x300A);
+constexpr Register REG_INTEGRATION = reg16(0x3012);
+constexpr Register VAR_SYSTEM_STATE = reg16(0xDC00);
+constexpr Register VAR_COMMAND_STATUS = reg16(0xDC02);
+constexpr Register CAM_FRAME_LENGTH = reg16(0xC812);
+constexpr Register CAM_INTEGRATION = reg16(0xC83C);
+constexpr Register CAM_GAIN = reg16(0xC836);
 
 // Host command: set state, with the request (OK) bit.
 constexpr uint16_t COMMAND_SET_STATE = 0x8002;
@@ -45,9 +46,6 @@ constexpr unsigned STATUS_INVALID = 12;
 constexpr unsigned STATUS_NO_SPACE = 13;
 
 constexpr unsigned RESET_SETTLE_MS = 50;
-constexpr unsigned EXPOSURE_HISTORY = 3;
-constexpr unsigned GAIN_HISTORY = 2;
-constexpr unsigned HISTORY_FILL = 4;
 constexpr uint16_t MIN_FRAME_LENGTH = 925;
 constexpr unsigned STARTING_EXPOSURE_US = 3000;
 constexpr unsigned MAX_RESUME_MS = 300;
@@ -63,10 +61,6 @@ constexpr unsigned MAX_TIME_US = 33000;
 constexpr unsigned MIN_GAIN = 8;
 constexpr unsigned MAX_GAIN = 4032;
 constexpr unsigned SHORT_ROWS = 56;
-
-// Light codes: bit 0 aimer, bit 1 illumination.
-constexpr uint8_t LIGHT_AIMER = 1;
-constexpr uint8_t LIGHT_ILLUMINATION = 2;
 
 } // namespace
 
@@ -99,12 +93,14 @@ unsigned X5501_trait::effective_gain(uint16_t reg)
 // Construction and power
 // ---------------------------------------------------------------------------
 
-X5501_trait::X5501_trait(IHwl_x5501& hwl_, Controller* controller_, std::vector<Register_pair> full)
-    : Sensor_trait(hwl_),
-      exposure_history(EXPOSURE_HISTORY),
-      gain_history(GAIN_HISTORY),
-      controller(controller_),
+// Rows take effect three frames after the period in which they are written,
+// gain two; no frame counter. Gain in 1/512 units (512 = the sensor's unity
+// analog gain), also for the settings' gains, which this engine takes as
+// they are.
+X5501_trait::X5501_trait(IHwl_x5501& hwl_, const Trait_context& context_, std::vector<Register_pair> full)
+    : Sensor_trait(hwl_, context_, Properties{{3, 2}, {1, 0, ~0u}, Register_burst::sixteen_bit, reg8(0)}),
       psoc(&hwl_),
+      lights(hwl_, nullptr),
       psoc_fitted(false),
       full_table(std::move(full))
 {
@@ -112,8 +108,10 @@ X5501_trait::X5501_trait(IHwl_x5501& hwl_, Controller* controller_, std::vector<
     hwl.ImagerPowerUp();
     power_state = POWER_ON;
     psoc_fitted = hwl.IsPsocSupported();
-    if (psoc_fitted)
+    if (psoc_fitted) {
         psoc.init();
+        lights.drive_by(&psoc);
+    }
 }
 
 X5501_trait::~X5501_trait() {}
@@ -130,7 +128,7 @@ void X5501_trait::power_off()
     hwl.ImagerPowerDown();
     hwl.ImagerPowerOff();
     power_state = POWER_OFF;
-    streaming = false;
+    controls.halt();
     psoc.invalidate();
 }
 
@@ -138,18 +136,12 @@ void X5501_trait::sleep()
 {
     hwl.ImagerPowerDown();
     power_state = POWER_ASLEEP;
-    streaming = false;
-}
-
-bool X5501_trait::call(bool (IHwl::*operation)())
-{
-    IHwl& layer = hwl;
-    return (layer.*operation)();
+    controls.halt();
 }
 
 bool X5501_trait::power_up_init()
 {
-    const IHwl::Config& config = the_scan_driver->config;
+    const IHwl::Config& config = *context.config;
     if (config.imager_link == 0) {
         dbg_output("Parallel interface is not supported!\r\n");
         return false;
@@ -168,55 +160,59 @@ bool X5501_trait::power_up_init()
         leave_standby_state = 0;
         power_state = POWER_ON;
     }
-    streaming = false;
+    controls.halt();
 
-    call(idle_aim);
-    call(idle_illum);
-    if (psoc_fitted)
-        psoc.set_lights_mode(lights_code);
+    lights.show(lights_code);
 
+    // A sensor that does not stream is reset first.
     uint16_t state = 0;
-    if (!read_reg(VAR_SYSTEM_STATE, state))
+    if (!registers.read(VAR_SYSTEM_STATE, state))
         dbg_output("PowerUp: Fails to read 0xDC00\r\n");
     if ((state & 0xFF) != STATE_STREAMING) {
-        if (!write_reg(REG_RESET, 1) || !write_reg(REG_RESET, 0))
+        bool failed = false;
+        registers.write(REG_RESET, 1, &failed);
+        registers.write(REG_RESET, 0, &failed);
+        if (failed)
             return false;
         MT_Delay(RESET_SETTLE_MS);
     }
 
-    if (WriteByteReg(VAR_SYSTEM_STATE, STATE_ENTER_STANDBY))
-        write_reg(REG_HOST_COMMAND, COMMAND_SET_STATE);
+    bool failed = false;
+    write_variable(VAR_SYSTEM_STATE.address, STATE_ENTER_STANDBY, &failed);
+    registers.write(REG_HOST_COMMAND, COMMAND_SET_STATE, &failed);
     leave_standby_state = STATE_CONFIG_CHANGE;
     return write_tables();
 }
 
+// The core table, then the short table when the configuration selects it,
+// else the device's full table (start-up refuses the engine when its file is
+// missing, so an empty one here is reported and fails the power-up).
 bool X5501_trait::write_tables()
 {
-    if (!WriteRegisters(x5501_core_table, x5501_core_table_size))
+    if (!write_table(x5501_core_table, x5501_core_table_size))
         return false;
-    if (the_scan_driver->config.register_table == x5501_short_table_select)
-        return WriteRegisters(x5501_short_table, x5501_short_table_size);
+    if (context.config->register_table == x5501_short_table_select)
+        return write_table(x5501_short_table, x5501_short_table_size);
     if (full_table.empty()) {
         dbg_output("Full register table not loaded\r\n");
         return false;
     }
-    return WriteRegisters(full_table.data(), full_table.size());
+    return write_table(full_table.data(), full_table.size());
 }
 
-bool X5501_trait::WriteRegisters(const Register_pair* table, size_t count)
+bool X5501_trait::write_table(const Register_pair* table, size_t count)
 {
-    Register_burst burst(hwl);
-    if (burst.write(table, count))
+    Register_pair failed{0, 0};
+    if (registers.write_table(table, count, &failed))
         return true;
-    dbg_output("Fails to write Reg:%04X, n = %d!!!\r\n", unsigned(burst.failed_register()),
-               int(burst.failed_count()));
+    dbg_output("Fails to write Reg:%04X, n = %d!!!\r\n", unsigned(failed.address), int(failed.value));
     return false;
 }
 
-bool X5501_trait::WriteByteReg(uint16_t address, uint8_t value)
+bool X5501_trait::write_variable(uint16_t variable, uint8_t value, bool* error)
 {
-    uint16_t pair[2] = {address, static_cast<uint16_t>(value << 8)};
-    return hwl.WriteReg(REG_LOGICAL_ADDRESS, pair, sizeof pair);
+    const uint16_t pair[2] = {variable, static_cast<uint16_t>(value << 8)};
+    return registers.write_run(REG_LOGICAL_ADDRESS, pair, 2, error);
 }
 
 // ---------------------------------------------------------------------------
@@ -229,7 +225,7 @@ int X5501_trait::WaitForCompletion(uint16_t command, unsigned timeout_ms)
     int error = COMMAND_OK;
     for (;;) {
         uint16_t value = 0;
-        if (!read_reg(REG_HOST_COMMAND, value)) {
+        if (!registers.read(REG_HOST_COMMAND, value)) {
             error = COMMAND_IO_ERROR;
             break;
         }
@@ -237,7 +233,7 @@ int X5501_trait::WaitForCompletion(uint16_t command, unsigned timeout_ms)
             if (value & COMMAND_OK_BIT)
                 return COMMAND_OK;
             uint16_t status = 0;
-            if (!read_reg(VAR_COMMAND_STATUS, status)) {
+            if (!registers.read(VAR_COMMAND_STATUS, status)) {
                 error = COMMAND_IO_ERROR;
                 break;
             }
@@ -271,30 +267,33 @@ bool X5501_trait::SensorEnterStandby()
     if (WaitForCompletion(COMMAND_SET_STATE, COMMAND_WAIT_MS) != COMMAND_OK)
         return false;
     uint16_t state = 0;
-    if (!read_reg(VAR_SYSTEM_STATE, state))
+    if (!registers.read(VAR_SYSTEM_STATE, state))
         return false;
-    streaming = false;
+    controls.halt();
     if ((state & 0xFF) == STATE_STANDBY)
         return true;
-    if (!WriteByteReg(VAR_SYSTEM_STATE, STATE_ENTER_STANDBY))
-        return false;
-    return write_reg(REG_HOST_COMMAND, COMMAND_SET_STATE);
+    bool failed = false;
+    write_variable(VAR_SYSTEM_STATE.address, STATE_ENTER_STANDBY, &failed);
+    registers.write(REG_HOST_COMMAND, COMMAND_SET_STATE, &failed);
+    return !failed;
 }
 
+// Leaves standby with 0x28 (apply the configuration, then stream) the first
+// time after a power-up, with 0x54 afterwards.
 bool X5501_trait::SensorExitStandby()
 {
     if (WaitForCompletion(COMMAND_SET_STATE, COMMAND_WAIT_MS) != COMMAND_OK)
         return false;
     uint16_t state = 0;
-    if (!read_reg(VAR_SYSTEM_STATE, state))
+    if (!registers.read(VAR_SYSTEM_STATE, state))
         return false;
     if ((state & 0xFF) != STATE_STANDBY)
         return true;
-    bool ok = WriteByteReg(VAR_SYSTEM_STATE, leave_standby_state);
-    if (ok)
-        ok = write_reg(REG_HOST_COMMAND, COMMAND_SET_STATE);
+    bool failed = false;
+    write_variable(VAR_SYSTEM_STATE.address, leave_standby_state, &failed);
+    registers.write(REG_HOST_COMMAND, COMMAND_SET_STATE, &failed);
     leave_standby_state = STATE_LEAVE_STANDBY;
-    return ok;
+    return !failed;
 }
 
 // ---------------------------------------------------------------------------
@@ -308,56 +307,43 @@ bool X5501_trait::initialize_scanning()
 
 bool X5501_trait::deinitialize_scanning()
 {
-    call(idle_aim);
-    call(idle_illum);
-    if (psoc_fitted)
-        psoc.set_lights_mode(lights_code);
+    lights.show(lights_code);
     return true;
 }
 
+// Capture modes 6 and 7 deliver no frames on this engine; the stall handling
+// then ends the scan as stalled.
 void X5501_trait::trigger_once()
 {
     dbg_output("%s is not supported by MT9M114.  Use streaming mode", "trigger_once");
 }
 
-void X5501_trait::fill_histories()
-{
-    for (unsigned i = 0; i < HISTORY_FILL; ++i) {
-        exposure_history.advance();
-        gain_history.advance();
-    }
-}
-
+// The stream runs from a successful leave of standby until trigger_off,
+// sleep, power-off or a power-up. Leaving standby, every frame to come is
+// taken with what the registers hold now; a trigger_on while the sensor
+// streams (the stream driver re-triggers when a client gives a buffer back
+// after all were held) keeps the history, whose frames are in flight.
 void X5501_trait::trigger_on()
 {
-    if (!streaming) {
-        fill_histories();
+    const bool starting = !controls.running();
+    if (starting) {
+        controls.restart();
         frame_count = 0;
     }
-    if (SensorExitStandby())
-        streaming = true;
+    if (!SensorExitStandby() && starting)
+        controls.halt();
 }
 
 void X5501_trait::trigger_off()
 {
     dbg_output("trigger_off()");
     SensorEnterStandby();
-    streaming = false;
+    controls.halt();
 }
 
 bool X5501_trait::init_capture(const IHwl::Image_buffer_pointers* buffer)
 {
     return buffer != nullptr && hwl.InitCapture(buffer->handle);
-}
-
-IHwl::Image_buffer_pointers* X5501_trait::get_image_buffers(uint64_t& count)
-{
-    return hwl.GetImageBuffers(count);
-}
-
-bool X5501_trait::register_frame_notifications(Frame_callback callback, void* context)
-{
-    return hwl.RegisterVsyncNotification(callback, context);
 }
 
 unsigned int X5501_trait::GetMaxResumeTime()
@@ -369,32 +355,44 @@ unsigned int X5501_trait::GetMaxResumeTime()
 // Exposure and gain
 // ---------------------------------------------------------------------------
 
+// The camera-control copies (scan starts only) stop at their first failure;
+// gain, frame length and rows are written whatever the others answered. The
+// history records the request as given, so a frame's gain can exceed what
+// the gain register applies by one mantissa step.
 bool X5501_trait::set_exposure_gain(unsigned rows, unsigned gain, bool camera_control)
 {
     const uint16_t reg = gain_register_of(gain);
     const uint16_t length = std::max<uint16_t>(static_cast<uint16_t>(rows + 2), MIN_FRAME_LENGTH);
     const uint16_t rows16 = static_cast<uint16_t>(rows);
     if (camera_control) {
-        const uint16_t effective = static_cast<uint16_t>(effective_gain(reg));
-        if (write_reg(CAM_FRAME_LENGTH, length) && write_reg(CAM_INTEGRATION, rows16))
-            write_reg(CAM_GAIN, effective);
+        Register_sequence copies(registers);
+        copies.write(CAM_FRAME_LENGTH, length);
+        copies.write(CAM_INTEGRATION, rows16);
+        copies.write(CAM_GAIN, static_cast<uint16_t>(effective_gain(reg)));
     }
-    const bool gain_ok = write_reg(REG_GAIN, reg);
-    if (gain_ok)
-        gain_register = reg;
-    const bool length_ok = write_reg(REG_FRAME_LENGTH, length);
-    if (length_ok)
-        frame_length_lines = length;
-    const bool rows_ok = write_reg(REG_INTEGRATION, rows16);
-    if (rows_ok)
-        integration_rows = rows16;
+    const bool gain_ok = registers.write(REG_GAIN, reg);
+    const bool length_ok = registers.write(REG_FRAME_LENGTH, length);
+    const bool rows_ok = registers.write(REG_INTEGRATION, rows16);
     if (!(gain_ok && length_ok && rows_ok))
         return false;
-    exposure_history.newest() = rows;
-    gain_history.newest() = gain;
+    controls.program(rows, gain);
     return true;
 }
 
+bool X5501_trait::program_start(const Exposure_point& point)
+{
+    return set_exposure_gain(point.rows, point.gain, true);
+}
+
+// Updates within a scan answer true whatever the writes answered.
+bool X5501_trait::program(const Exposure_point& point)
+{
+    set_exposure_gain(point.rows, point.gain, false);
+    return true;
+}
+
+// Every 4th frame the aimer flashes when the scanning lights ask for both
+// aimer and illumination and the hardware layer drives the lights.
 void X5501_trait::exposure_frame()
 {
     ++frame_count;
@@ -404,75 +402,40 @@ void X5501_trait::exposure_frame()
         else if (frame_count % 4 == 1)
             hwl.AimOff();
     }
-    exposure_now = exposure_history.at(EXPOSURE_HISTORY - 1);
-    gain_now = gain_history.at(GAIN_HISTORY - 1);
-    contrast_now = gain_now * exposure_now;
-    exposure_history.advance();
-    gain_history.advance();
+    Sensor_trait::exposure_frame();
 }
 
-void X5501_trait::program_fixed(unsigned& contrast)
-{
-    const unsigned rows = controller->fixed_exposure.current_rows();
-    const unsigned gain = controller->settings.fixed_gain;
-    contrast = rows * gain;
-    set_exposure_gain(rows, gain, false);
-}
-
-bool X5501_trait::set_starting_exposure_gain(unsigned int& contrast)
-{
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    unsigned rows, gain;
-    if (s.mode >= 2) {
-        rows = std::min(controller->start_exposure.current_rows(), controller->max_exposure.current_rows());
-        gain = std::min(s.start_gain, s.max_gain);
-    } else {
-        rows = controller->fixed_exposure.current_rows();
-        gain = s.fixed_gain;
-    }
-    contrast = rows * gain;
-    return set_exposure_gain(rows, gain, true);
-}
-
+// An automatic scan starts from what the last delivered frame was taken
+// with (the contrast the caller passes is not used); a long exposure
+// (900 rows or more) restarts at 200 rows.
 bool X5501_trait::set_starting_exposure_gain(unsigned int, unsigned int& contrast)
 {
     if (!controller)
         return false;
-    const Exposure_settings& s = controller->settings;
-    unsigned rows, gain;
-    if (s.mode >= 2) {
-        gain = current_gain();
-        rows = current_exposure();
-    } else {
-        rows = controller->fixed_exposure.current_rows();
-        gain = s.fixed_gain;
-    }
-    if (rows >= RESTART_ROWS_LIMIT)
-        rows = RESTART_ROWS;
-    contrast = rows * gain;
-    return set_exposure_gain(rows, gain, true);
+    const Control_history::Setting last = controls.delivered();
+    Exposure_point point = automatic() ? Exposure_point{last.exposure, last.gain} : fixed_point();
+    if (point.rows >= RESTART_ROWS_LIMIT)
+        point.rows = RESTART_ROWS;
+    return apply(point, contrast, true);
 }
 
-bool X5501_trait::update_contrast(unsigned int white, unsigned int contrast, unsigned int& new_contrast)
+// The engine's own step: the contrast scaled by target / white, quartered
+// by a saturated frame and quadrupled by a black one. It keeps its own
+// limits, not ES_MAX_EXP and ES_MAX_GAIN.
+unsigned X5501_trait::step(unsigned white, unsigned contrast)
 {
-    if (!controller)
-        return false;
-    const Exposure_settings& s = controller->settings;
-    if (s.mode < 2) {
-        program_fixed(new_contrast);
-        return true;
-    }
-    unsigned c;
     if (white >= 255)
-        c = contrast / 4;
-    else if (white == 0)
-        c = contrast * 4;
-    else
-        c = (contrast * s.target_value + white / 2) / white;
+        return contrast / 4;
+    if (white == 0)
+        return contrast * 4;
+    return (contrast * settings().target_value + white / 2) / white;
+}
 
-    // Exposure time at unity gain; outside 1 to 33 ms the gain takes over.
+// The exposure time at unity gain; outside 1 to 33 ms the gain takes over
+// (at least 8, at most 4032 = 7.875x), and a time still below 1 ms gets the
+// shortest rows.
+X5501_trait::Exposure_point X5501_trait::split(unsigned c)
+{
     const unsigned t = ((c >> 9) * ROW_CLOCKS + CLOCK_MHZ / 2) / CLOCK_MHZ;
     unsigned gain = UNITY_GAIN;
     unsigned t2 = t;
@@ -489,29 +452,12 @@ bool X5501_trait::update_contrast(unsigned int white, unsigned int contrast, uns
         rows = SHORT_ROWS;
     else
         rows = (std::min(t2, MAX_TIME_US) * CLOCK_MHZ + ROW_CLOCKS / 2) / ROW_CLOCKS;
-    new_contrast = gain * rows;
-    set_exposure_gain(rows, gain, false);
-    return true;
+    return {rows, gain};
 }
 
-unsigned int X5501_trait::current_contrast()
+void X5501_trait::update_exposure_settings(Exposure_settings& settings_)
 {
-    return contrast_now;
-}
-
-unsigned int X5501_trait::current_exposure()
-{
-    return exposure_now;
-}
-
-unsigned int X5501_trait::current_gain()
-{
-    return gain_now;
-}
-
-void X5501_trait::update_exposure_settings(Exposure_settings& settings)
-{
-    settings.start_exposure = STARTING_EXPOSURE_US;
+    settings_.start_exposure = STARTING_EXPOSURE_US;
 }
 
 bool X5501_trait::update_properties(VQX_SCANENGINE_PROPERTIES_EX&)
@@ -523,47 +469,21 @@ bool X5501_trait::update_properties(VQX_SCANENGINE_PROPERTIES_EX&)
 // Lights
 // ---------------------------------------------------------------------------
 
+// With a PSoC it drives the lights and there is no interleave; without one
+// the hardware layer's lights follow the code. Asleep or off the lighting is
+// held until power-up shows it.
 bool X5501_trait::change_lights(const _tagVQX_SCANNER_LIGHTING& lighting)
 {
     lights_code = Psoc::get_lights_mode(lighting.idle_mode);
     uint8_t code = lights_code;
     if (scanning_initialised) {
         code = Psoc::get_lights_mode(lighting.scanning_mode);
-        aim_interleave = (code & 3) == 3;
-    }
-    bool (IHwl::*aim_now)() = &IHwl::AimOff;
-    bool (IHwl::*illum_now)() = &IHwl::IllumOff;
-    if (psoc_fitted) {
-        idle_aim = &IHwl::AimOff;
-        idle_illum = &IHwl::IllumOff;
+        aim_interleave = !psoc_fitted && (code & 3) == 3;
+    } else if (psoc_fitted) {
         aim_interleave = false;
-    } else {
-        idle_aim = (lights_code & LIGHT_AIMER) ? &IHwl::AimOn : &IHwl::AimOff;
-        idle_illum = (lights_code & LIGHT_ILLUMINATION) ? &IHwl::IllumOn : &IHwl::IllumOff;
-        aim_now = (code & LIGHT_AIMER) ? &IHwl::AimOn : &IHwl::AimOff;
-        illum_now = (code & LIGHT_ILLUMINATION) ? &IHwl::IllumOn : &IHwl::IllumOff;
     }
     if (power_state != POWER_ON)
-        return power_state != POWER_OFF;
+        return Lights::held();
     hwl.IllumConfig(lighting.level_b);
-    call(aim_now);
-    call(illum_now);
-    if (psoc_fitted)
-        return psoc.set_lights_mode(code);
-    return false;
-}
-
-// ---------------------------------------------------------------------------
-// Register access
-// ---------------------------------------------------------------------------
-
-bool X5501_trait::read_reg(uint16_t address, uint16_t& value)
-{
-    value = 0;
-    return hwl.ReadReg(address, &value, 2);
-}
-
-bool X5501_trait::write_reg(uint16_t address, uint16_t value)
-{
-    return hwl.WriteReg(address, &value, 2);
+    return lights.show(code);
 }

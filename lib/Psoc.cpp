@@ -1,8 +1,7 @@
-// Psoc and PSOC_Cachex: see Psoc.h.
+// Psoc: see Psoc.h.
 #include "Psoc.h"
 
 #include <cstring>
-#include <mutex>
 
 #include "Diagnostics.h"
 
@@ -29,13 +28,6 @@ constexpr unsigned dump_length = 64;
 
 // Lights mode 1..8 to PSoC lights code.
 constexpr unsigned char lights_codes[8] = {1, 2, 3, 3, 3, 0, 2, 1};
-
-// Serialises creation and invalidation of the process-wide entry.
-std::mutex& cachex_mutex()
-{
-    static std::mutex m;
-    return m;
-}
 
 } // namespace
 
@@ -145,29 +137,3 @@ void Psoc::get_engine_aimer_offset(unsigned char* out) const
 }
 
 // ---------------------------------------------------------------------------
-
-PSOC_Cachex* PSOC_Cachex::reg_0x32 = nullptr;
-
-PSOC_Cachex::PSOC_Cachex(IHwl& hwl_, unsigned char reg_)
-    : hwl(hwl_), reg(reg_), value(0), valid(false)
-{
-}
-
-PSOC_Cachex* PSOC_Cachex::Get_psoc_cache(IHwl& hwl, unsigned int reg)
-{
-    if (reg != Psoc::light_control) {
-        dbg_output("Get_psoc_cache called with register 0x%X\r\n", reg);
-        return nullptr;
-    }
-    std::lock_guard<std::mutex> guard(cachex_mutex());
-    if (!reg_0x32)
-        reg_0x32 = new PSOC_Cachex(hwl, Psoc::light_control);
-    return reg_0x32;
-}
-
-void PSOC_Cachex::invalidate()
-{
-    std::lock_guard<std::mutex> guard(cachex_mutex());
-    if (reg_0x32)
-        reg_0x32->valid = false;
-}

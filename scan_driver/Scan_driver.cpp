@@ -23,10 +23,10 @@
 // open tries again. Nothing half-built is left where later code could reach
 // it.
 //
-// The AR0144 trait takes the engine variant and image orientation from the
-// configuration word at offset 12 of IHwl::Config, which start-up reads with
-// GetConfig after the trait is built; the trait reads it from the driver's
-// config when it loads the sensor's registers (at power-up), so the value
+// A trait is built with the sensor's monitor (its lock and its alarms) and
+// the driver's configuration record. Start-up fills that record with
+// GetConfig after the trait is built, so a trait reads it when it needs it
+// (the AR0144's engine variant and orientation, at power-up), and the value
 // from GetConfig is the one in force.
 //
 // Teardown: the static Scan_driver object is destroyed at library unload. Its
@@ -82,12 +82,17 @@ void ignore_frame(int, void*) {}
 // @p driver; false when this build has no trait for the engine.
 typedef bool (*Engine_builder)(IHwl& hwl, Scan_driver& driver);
 
-bool build_ar0144(IHwl& hwl, Scan_driver& driver)
+// Builds one engine: its logging decorator over @p hwl (whose engine type
+// names a hardware layer of class Layer), its exposure controller, and the
+// trait with what it uses: the controller, the driver's configuration
+// record and the sensor's monitor.
+template <class Layer, class Decorator, class Controller, class Trait, class... Extra>
+bool install(IHwl& hwl, Scan_driver& driver, Extra&&... extra)
 {
-    // The engine type "X7710" is reported only by an IHwl_AR0144.
-    auto* decorator = new Hwl_logging_AR0144(static_cast<IHwl_AR0144*>(&hwl));
-    auto* controller = new Exposure_controller<AR0144_trait>();
-    auto* trait = new AR0144_trait(*decorator, controller);
+    auto* decorator = new Decorator(static_cast<Layer*>(&hwl));
+    auto* controller = new Controller();
+    const Trait_context context{controller, &driver.config, &driver.sensor->monitor_base()};
+    auto* trait = new Trait(*decorator, context, std::forward<Extra>(extra)...);
     controller->bind(trait);
     driver.hwl_decorator = decorator;
     driver.exposure_controller = controller;
@@ -95,12 +100,19 @@ bool build_ar0144(IHwl& hwl, Scan_driver& driver)
     return true;
 }
 
-// "X5501" and "X5503". The register table the configuration selects must be
-// at hand before anything is built: the full table is device data read from
-// a file, and a missing or malformed file refuses the engine (the reason,
-// with the file's path, goes to the platform log) instead of streaming a
-// half-configured sensor. The configuration is read here for that choice
-// only; start-up reads it again into the driver's record in its usual place.
+// "X7710" is reported only by an IHwl_AR0144.
+bool build_ar0144(IHwl& hwl, Scan_driver& driver)
+{
+    return install<IHwl_AR0144, Hwl_logging_AR0144, Exposure_controller<AR0144_trait>, AR0144_trait>(hwl, driver);
+}
+
+// "X5501" and "X5503", reported only by an IHwl_x5501. The register table the
+// configuration selects must be at hand before anything is built: the full
+// table is device data read from a file, and a missing or malformed file
+// refuses the engine (the reason, with the file's path, goes to the platform
+// log) instead of streaming a half-configured sensor. The configuration is
+// read here for that choice only; start-up reads it again into the driver's
+// record in its usual place.
 bool build_x5501(IHwl& hwl, Scan_driver& driver)
 {
     IHwl::Config config = driver.config;
@@ -113,54 +125,27 @@ bool build_x5501(IHwl& hwl, Scan_driver& driver)
             return false;
         }
     }
-    // The engine types "X5501" and "X5503" are reported only by an IHwl_x5501.
-    auto* decorator = new Hwl_logging_x5501(static_cast<IHwl_x5501*>(&hwl));
-    auto* controller = new X5501_Exposure_controller<X5501_trait>();
-    auto* trait = new X5501_trait(*decorator, controller, std::move(full_table));
-    controller->bind(trait);
-    driver.hwl_decorator = decorator;
-    driver.exposure_controller = controller;
-    driver.trait = trait;
-    return true;
+    return install<IHwl_x5501, Hwl_logging_x5501, X5501_Exposure_controller<X5501_trait>, X5501_trait>(
+        hwl, driver, std::move(full_table));
 }
 
+// "APTINA" is reported only by an IHwl_aptina.
 bool build_aptina(IHwl& hwl, Scan_driver& driver)
 {
-    // The engine type "APTINA" is reported only by an IHwl_aptina.
-    auto* decorator = new Hwl_logging_aptina(static_cast<IHwl_aptina*>(&hwl));
-    auto* controller = new Exposure_controller<Aptina_trait>();
-    auto* trait = new Aptina_trait(*decorator, controller);
-    controller->bind(trait);
-    driver.hwl_decorator = decorator;
-    driver.exposure_controller = controller;
-    driver.trait = trait;
-    return true;
+    return install<IHwl_aptina, Hwl_logging_aptina, Exposure_controller<Aptina_trait>, Aptina_trait>(hwl, driver);
 }
 
+// "KELP" is reported only by an IHwl_kelp.
 bool build_kelp(IHwl& hwl, Scan_driver& driver)
 {
-    // The engine type "KELP" is reported only by an IHwl_kelp.
-    auto* decorator = new Hwl_logging_kelp(static_cast<IHwl_kelp*>(&hwl));
-    auto* controller = new Exposure_controller<Kelp_trait>();
-    auto* trait = new Kelp_trait(*decorator, controller);
-    controller->bind(trait);
-    driver.hwl_decorator = decorator;
-    driver.exposure_controller = controller;
-    driver.trait = trait;
-    return true;
+    return install<IHwl_kelp, Hwl_logging_kelp, Exposure_controller<Kelp_trait>, Kelp_trait>(hwl, driver);
 }
 
+// "MT9V022" is reported only by an IHwl_MT9V022.
 bool build_mt9v022(IHwl& hwl, Scan_driver& driver)
 {
-    // The engine type "MT9V022" is reported only by an IHwl_MT9V022.
-    auto* decorator = new Hwl_logging_MT9V022(static_cast<IHwl_MT9V022*>(&hwl));
-    auto* controller = new Exposure_controller<MT9V022_trait>();
-    auto* trait = new MT9V022_trait(*decorator, controller);
-    controller->bind(trait);
-    driver.hwl_decorator = decorator;
-    driver.exposure_controller = controller;
-    driver.trait = trait;
-    return true;
+    return install<IHwl_MT9V022, Hwl_logging_MT9V022, Exposure_controller<MT9V022_trait>, MT9V022_trait>(hwl,
+                                                                                                         driver);
 }
 
 // "RILO": the Hi704A's initial register table is device data, read from its
@@ -173,14 +158,8 @@ bool build_rilo(IHwl& hwl, Scan_driver& driver)
         dbg_output("Scan driver not started: %s\r\n", error.c_str());
         return false;
     }
-    auto* decorator = new Hwl_logging_rilo(static_cast<IHwl_rilo*>(&hwl));
-    auto* controller = new Exposure_controller<Rilo_trait>();
-    auto* trait = new Rilo_trait(*decorator, controller, std::move(table));
-    controller->bind(trait);
-    driver.hwl_decorator = decorator;
-    driver.exposure_controller = controller;
-    driver.trait = trait;
-    return true;
+    return install<IHwl_rilo, Hwl_logging_rilo, Exposure_controller<Rilo_trait>, Rilo_trait>(hwl, driver,
+                                                                                         std::move(table));
 }
 
 struct Engine_row {
@@ -268,9 +247,12 @@ bool Initialize_scan_driver_runonce(void* arg)
         dbg_output("Scan driver not started: unknown engine type \"%s\"\r\n", engine_type);
         return false;
     }
-    if (!engine->build(*hwl, d))
-        return false;
+    // The sensor's monitor comes first: the trait is built with it.
     d.sensor = new Sensor();
+    if (!engine->build(*hwl, d)) {
+        destroy(d.sensor);
+        return false;
+    }
 
     d.buffer_locker = new Buffer_locker(d.sensor);
     hwl->GetConfig(&d.config);

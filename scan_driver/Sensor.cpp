@@ -91,6 +91,7 @@ void Sensor::vsync_ist(int buffer, bool sample)
 
     _tagImageAttributes& attributes = frame->attributes;
     attributes.size = 40;
+    driver.trait->frame_delivering();
     attributes.exposure = driver.trait->current_exposure();
     attributes.gain = driver.trait->current_gain();
     attributes.white_value = white;

@@ -55,6 +55,12 @@ public:
     /// the fixed modes store nothing.
     void set_sample_image(const unsigned char* image);
 
+    /// Rows of the fixed, longest and starting exposure settings, converted
+    /// by the engine's row rule.
+    virtual unsigned fixed_rows() = 0;
+    virtual unsigned max_rows() = 0;
+    virtual unsigned start_rows() = 0;
+
     Cs_sampler cs_sampler;
     Ae_sampler ae_sampler;
     Exposure_settings settings;
@@ -81,6 +87,10 @@ public:
         max_exposure.p_sensor = trait;
         start_exposure.p_sensor = trait;
     }
+
+    unsigned fixed_rows() override { return fixed_exposure.current_rows(); }
+    unsigned max_rows() override { return max_exposure.current_rows(); }
+    unsigned start_rows() override { return start_exposure.current_rows(); }
 
     Exposure_converter<Trait> fixed_exposure; ///< follows settings.fixed_exposure
     Exposure_converter<Trait> max_exposure;   ///< follows settings.max_exposure

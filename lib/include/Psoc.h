@@ -20,15 +20,9 @@
 // Every bus failure is returned as false and forgets the register's cached
 // value; nothing is retried here.
 //
-// PSOC_Cachex is a separate process-wide cache entry for the light control
-// register alone (created at most once, never freed), used by traits that
-// share the register across objects.
-//
 // Threading: a Psoc is used by its trait under the sensor's monitor. The
 // identity getters only read bytes that the cache never rewrites after
-// init(), so they may be called without that monitor. PSOC_Cachex creation
-// and invalidate() are serialised internally; the entry's value and valid
-// fields are used under the sensor's monitor.
+// init(), so they may be called without that monitor.
 #ifndef VQX_PSOC_H
 #define VQX_PSOC_H
 
@@ -92,28 +86,6 @@ private:
     IHwl_psoc* psoc;
     unsigned char image[register_count];
     bool valid[register_count];
-};
-
-/// Process-wide cache entry of the PSoC light control register.
-class PSOC_Cachex {
-public:
-    /// The entry for @p reg: for 0x32 it is created on first use (hardware
-    /// layer of that first call, value 0, not valid); any other register is
-    /// reported ("Get_psoc_cache called with register 0x%X") and gives null.
-    static PSOC_Cachex* Get_psoc_cache(IHwl& hwl, unsigned int reg);
-    /// Marks the entry not valid if it exists.
-    static void invalidate();
-
-    IHwl& hwl;
-    unsigned char reg;
-    unsigned char value;
-    bool valid;
-
-    /// The single entry, null until first requested.
-    static PSOC_Cachex* reg_0x32;
-
-private:
-    PSOC_Cachex(IHwl& hwl, unsigned char reg);
 };
 
 #endif // VQX_PSOC_H

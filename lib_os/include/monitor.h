@@ -429,6 +429,23 @@ Alarm Monitor_base::alarm(T volatile& obj, void (T::*method)(A), const A& arg, u
     return schedule_alarm(new am(get_timer(), due_ms, period_ms, obj, method, arg));
 }
 
+/// Scoped entry of a Monitor_base, waiting without bound; leaves it when
+/// destroyed.
+class Monitor_entry {
+public:
+    explicit Monitor_entry(Monitor_base& monitor) : entered(monitor.enter(Synchroniztion_internal::MT_INFINITE)) {}
+    ~Monitor_entry()
+    {
+        if (entered)
+            entered->leave();
+    }
+    Monitor_entry(const Monitor_entry&) = delete;
+    Monitor_entry& operator=(const Monitor_entry&) = delete;
+
+private:
+    Monitor_base* entered;
+};
+
 // ---------------------------------------------------------------------------
 // Monitored classes
 // ---------------------------------------------------------------------------

@@ -42,7 +42,7 @@ TEST(AptinaTrait, GainCodesAndRowsReachTheHardwareLayer)
     auto sim = make("APTINA");
     Hwl_logging_aptina hwl(static_cast<IHwl_aptina*>(sim->hwl()));
     Exposure_controller<Aptina_trait> controller;
-    Aptina_trait trait(hwl, &controller);
+    Aptina_trait trait(hwl, Trait_context{&controller, nullptr, nullptr});
     controller.bind(&trait);
     hwl.ImagerPowerOn();
     for (const Row& r : rows) {
@@ -68,7 +68,7 @@ TEST(AptinaTrait, UnimplementedOperationsReportTheirNamesAndLines)
     Driver_scope scope;
     auto sim = make("APTINA");
     Hwl_logging_aptina hwl(static_cast<IHwl_aptina*>(sim->hwl()));
-    Aptina_trait trait(hwl, nullptr);
+    Aptina_trait trait(hwl, Trait_context{});
     Output_capture out;
     uint64_t count = 0;
     Sensor_trait::Capabilities caps{sizeof caps, 7, 7, 7, 7, 7};

@@ -17,16 +17,20 @@
 #include "Sensor.h"
 #include "Simulator.h"
 #include "Synchronization.h"
-#include "test_scope.h"
+#include "monitor.h"
 
 namespace {
 
 constexpr unsigned kModeSelect = 0x301C, kReset = 0x301A;
 
+// The trait with what the driver gives it: its controller, a configuration
+// record (the configuration word @p word = variant | orientation << 16) and
+// a monitor, @p sensor's or the rig's own.
 struct Rig {
     explicit Rig(uint32_t word = 1, uint32_t capture_mode = 0, Sensor* sensor = nullptr, bool psoc = true)
-        : scope(word, capture_mode, sensor), sim(make(psoc)), hwl(*static_cast<IHwl_AR0144*>(sim->hwl())),
-          trait(hwl, &controller)
+        : config{sizeof(IHwl::Config), capture_mode, word, 1, 42}, sim(make(psoc)),
+          hwl(*static_cast<IHwl_AR0144*>(sim->hwl())),
+          trait(hwl, Trait_context{&controller, &config, sensor ? &sensor->monitor_base() : &monitor})
     {
         controller.bind(&trait);
     }
@@ -63,7 +67,8 @@ struct Rig {
         EXPECT_TRUE(hwl.StartScanning());
     }
 
-    Driver_scope scope;
+    IHwl::Config config;
+    Monitor_base monitor;  // outlives the trait, whose destructor cancels its alarms
     std::unique_ptr<vqxsim::Simulator> sim;
     IHwl_AR0144& hwl;
     Exposure_controller<AR0144_trait> controller;
@@ -178,6 +183,7 @@ TEST(AR0144_trait, StreamingAndTheExposureHistory)
             SCOPED_TRACE("point " + std::to_string(k));
             ASSERT_EQ(rig.sim->step(p.frames_before), p.frames_before);
             rig.trait.exposure_frame();
+            rig.trait.frame_delivering();  // as the sensor does before reading the attributes
             const vqxsim::Frame_record taken = rig.sim->frames().back();
             EXPECT_EQ(rig.trait.current_exposure(), taken.rows);
             EXPECT_NEAR(rig.trait.current_gain(), taken.analog_gain * 256, 1);
@@ -211,7 +217,9 @@ TEST(AR0144_trait, StreamingAndTheExposureHistory)
     EXPECT_EQ(failing.writes(), 0u);
     EXPECT_FALSE(failing.trait.start_streaming());
     failing.sim->update_faults([](vqxsim::Faults& f) { f.regfail_read = {}; });
-    failing.trait.trigger_once();  // on its own: streams for its window, then stops
+    failing.trait.trigger_once();  // streams for its window, then the monitor's alarm stops it
+    for (int i = 0; i < 200 && !failing.trait.get_once_alarm().complete(); ++i)
+        Synchroniztion_internal::MT_Delay(5);
     EXPECT_FALSE(failing.sim->streaming());
     EXPECT_EQ(failing.sim->reg(kModeSelect), 0);
     EXPECT_EQ(failing.trait.get_power_state(), AR0144_trait::POWER_READY);

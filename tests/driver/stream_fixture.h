@@ -46,6 +46,9 @@ public:
         log.record("sample_wv");
         return white;
     }
+    unsigned fixed_rows() override { return 1; }
+    unsigned max_rows() override { return 1; }
+    unsigned start_rows() override { return 1; }
     Call_log& log;
     std::atomic<unsigned> white{100};
     std::atomic<const unsigned char*> image_at_sample{nullptr};

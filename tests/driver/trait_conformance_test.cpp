@@ -25,6 +25,7 @@
 #include "MT9V022_trait.h"
 #include "Rilo_trait.h"
 #include "Sim_client.h"
+#include "Sensor.h"
 #include "Simulator.h"
 #include "X5501_Exposure_controller.h"
 #include "X5501_trait.h"
@@ -130,6 +131,7 @@ struct Bed {
     }
     ~Bed()
     {
+        sensor.monitor_base().end_alarms();
         trait.reset();
         sim->shutdown();
     }
@@ -139,7 +141,8 @@ struct Bed {
     {
         auto* d = new Decorator(static_cast<Layer*>(hwl));
         auto* c = new Controller();
-        auto* t = new Trait(*d, c, std::forward<Extra>(extra)...);
+        const Trait_context context{c, &scope.driver.config, &sensor.monitor_base()};
+        auto* t = new Trait(*d, context, std::forward<Extra>(extra)...);
         c->bind(t);
         decorator.reset(d);
         settings = &c->settings;
@@ -171,7 +174,15 @@ struct Bed {
             contrast = next;
         }
     }
-    void stop() { trait->stop_scanning(); }
+    /// A scan's end; the AR0144 completes its standby 24 ms later on the
+    /// monitor's timer, and the bed waits for it, as the next request of the
+    /// driver would.
+    void stop()
+    {
+        trait->stop_scanning();
+        if (auto* ar0144 = dynamic_cast<AR0144_trait*>(trait.get()))
+            EXPECT_TRUE(sim_client::wait_until([&] { return ar0144->get_alarm().complete(); }));
+    }
     /// An automatic scan with new limits (1500 us, 2x) of dark frames: the
     /// step rises to the limits and stays there.
     void dark_scan_at_limits(const char* when)
@@ -196,11 +207,26 @@ struct Bed {
     }
 
     const Engine& engine;
+    Sensor sensor;  ///< its monitor: the trait's lock and alarms
     Driver_scope scope;
     std::unique_ptr<vqxsim::Simulator> sim;
     std::unique_ptr<IHwl> decorator;
     std::unique_ptr<Exposure_controller_base> controller;
-    std::unique_ptr<Sensor_trait> trait;
+    /// The trait as the driver calls it: each call through -> holds the
+    /// sensor's monitor, so the trait's alarms and frame callbacks, which
+    /// take it too, never run beside a call.
+    struct Held {
+        Monitor_entry entry;
+        Sensor_trait* trait;
+        Sensor_trait* operator->() const { return trait; }
+    };
+    struct Trait_handle {
+        Held operator->() const { return Held{Monitor_entry{*monitor}, owned.get()}; }
+        Sensor_trait* get() const { return owned.get(); }
+        void reset(Sensor_trait* t = nullptr) { owned.reset(t); }
+        std::unique_ptr<Sensor_trait> owned;
+        Monitor_base* monitor;
+    } trait{nullptr, &sensor.monitor_base()};
     Exposure_settings* settings = nullptr;  ///< the controller's copy
     Exposure_settings session;              ///< what the client set
     _tagVQX_SCANNER_LIGHTING lighting{};

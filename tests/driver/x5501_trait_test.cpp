@@ -12,13 +12,14 @@
 #include <vector>
 
 #include "Hwl_logging.h"
+#include "Output_capture.h"
 #include "Register_table_file.h"
 #include "Rilo_trait.h"
 #include "Simulator.h"
 #include "X5501_Exposure_controller.h"
 #include "X5501_tables.h"
 #include "X5501_trait.h"
-#include "test_scope.h"
+#include "monitor.h"
 
 namespace {
 
@@ -38,7 +39,7 @@ struct X5501_on_sim {
         sim = vqxsim::Simulator::create(config, &error);
         EXPECT_NE(nullptr, sim) << error;
         hwl = std::make_unique<Hwl_logging_x5501>(static_cast<IHwl_x5501*>(sim->hwl()));
-        trait = std::make_unique<X5501_trait>(*hwl, &controller);
+        trait = std::make_unique<X5501_trait>(*hwl, Trait_context{&controller, &driver_config, &monitor});
         controller.bind(trait.get());
     }
     ~X5501_on_sim() { sim->shutdown(); }
@@ -57,7 +58,10 @@ struct X5501_on_sim {
         return double(unsigned(code & 63) << ((code >> 6) & 3)) / 64.0 * 512.0;
     }
 
-    Driver_scope scope;
+    // The driver's configuration record as start-up fills it by default: one
+    // data lane, the short register table.
+    IHwl::Config driver_config{sizeof(IHwl::Config), 3, 0, 1, 42};
+    Monitor_base monitor;
     std::unique_ptr<vqxsim::Simulator> sim;
     std::unique_ptr<Hwl_logging_x5501> hwl;
     X5501_Exposure_controller<X5501_trait> controller;
@@ -158,7 +162,7 @@ TEST(X5501Trait, HostCommandErrorsAreReportedWithTheirCodes)
         SCOPED_TRACE(std::string("faults \"") + r.faults + "\", command " + std::to_string(r.command_ms) + " ms");
         X5501_on_sim x(r.faults, r.command_ms);
         Output_capture out;
-        ASSERT_TRUE(x.trait->WriteByteReg(0xDC00, 0x50));
+        ASSERT_TRUE(x.trait->write_variable(0xDC00, 0x50));
         uint16_t command = 0x8002;
         ASSERT_TRUE(x.hwl->WriteReg(0x0080, &command, 2));
         EXPECT_EQ(r.code, x.trait->WaitForCompletion(0x8002, 100));
@@ -167,7 +171,7 @@ TEST(X5501Trait, HostCommandErrorsAreReportedWithTheirCodes)
     }
     // A leave request in the wrong state: the firmware refuses it.
     X5501_on_sim x;
-    ASSERT_TRUE(x.trait->WriteByteReg(0xDC00, 0x54));  // streaming, not in standby
+    ASSERT_TRUE(x.trait->write_variable(0xDC00, 0x54));  // streaming, not in standby
     uint16_t command = 0x8002;
     ASSERT_TRUE(x.hwl->WriteReg(0x0080, &command, 2));
     EXPECT_EQ(X5501_trait::COMMAND_INVALID, x.trait->WaitForCompletion(0x8002, 100));
@@ -205,7 +209,7 @@ TEST(X5501Trait, PowerUpChecksTheImagerLink)
     };
     for (const Row& r : rows) {
         X5501_on_sim x;
-        the_scan_driver->config.imager_link = r.link;
+        x.driver_config.imager_link = r.link;
         Output_capture out;
         EXPECT_EQ(r.ok, x.trait->power_up_init()) << "link " << r.link;
         if (r.report) {

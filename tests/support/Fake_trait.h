@@ -25,7 +25,10 @@
 
 class Fake_trait : public Sensor_trait {
 public:
-    explicit Fake_trait(Fake_hwl& fake) : Sensor_trait(fake), fake_hwl(fake), log(fake.log) {}
+    explicit Fake_trait(Fake_hwl& fake)
+        : Sensor_trait(fake, Trait_context{}, layer_programmed), fake_hwl(fake), log(fake.log)
+    {
+    }
 
     bool initialize_scanning() override { log.record("initialize_scanning"); return initialize_result; }
     bool deinitialize_scanning() override { log.record("deinitialize_scanning"); return deinitialize_result; }
@@ -46,7 +49,7 @@ public:
     bool set_starting_exposure_gain(unsigned int exposure, unsigned int& contrast) override
     {
         log.record("set_starting_exposure_gain(%u)", exposure);
-        return Sensor_trait::set_starting_exposure_gain(exposure, contrast);
+        return set_starting_exposure_gain(contrast);
     }
     void start_snapshot() override { log.record("start_snapshot"); }
     void exposure_frame() override { log.record("exposure_frame"); }
