@@ -346,6 +346,12 @@ TEST(AR0144_trait, LightsFollowTheScanState)
     ASSERT_TRUE(rig.trait.start_scanning());  // scanning: aimer and illumination, boost 2
     EXPECT_TRUE(rig.trait.change_lights(lights));
     EXPECT_EQ(rig.sim->light_register(), 3u | (2u << 2));
+    rig.trait.sleep();
+    lights.idle_mode = 7;  // illumination only
+    EXPECT_TRUE(rig.trait.change_lights(lights));  // asleep: held
+    rig.trait.power_up_init();  // the PSoC shows the held idle lights
+    EXPECT_EQ(rig.sim->light_register() & 3u, 2u);
+    lights.idle_mode = 8;
 
     Rig bare(1, 0, nullptr, false);  // no PSoC: the hardware layer's lights follow the code
     bare.trait.sleep();

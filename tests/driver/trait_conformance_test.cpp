@@ -349,6 +349,7 @@ TEST_P(TraitConformance, LightsFollowTheModesAndWaitForPower)
             if (!e.sleeps)
                 continue;
             b.trait->sleep();
+            EXPECT_TRUE(b.sim->standby()) << "asleep";
         } else {
             b.trait->power_off();
         }

@@ -232,6 +232,7 @@ TEST(RegisterTableFile, AcceptsTablesAndNamesWhatIsWrong)
         {0, "0x001E 0x0777\n0x3180 0x10000\n0xC954 0x009A\n", "line 2: expected"},  // 17-bit value
         {0, "0x001E 0x0777\n0x3180\n0xC954 0x009A\n", "line 2: expected"},          // no value
         {0, "0x001E 0x0777\n3180 0x0000\n0xC954 0x009A\n", "line 2: expected"},     // no 0x
+        {0, "0x001E 0x0777\n0x3180 0x\n0xC954 0x009A\n", "line 2: expected"},     // no digits
         {0, "0x001E 0x0777 0x1\n", "line 1: expected"},                             // extra field
         {0, "# nothing\n", "no rows"},
         {0, "0x3180 0x87FF\n0x3182 0x0\n0xC954 0x009A\n", "line 3 (last row): rows run from 0x3180"},
