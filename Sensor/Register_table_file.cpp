@@ -100,8 +100,18 @@ bool Register_table_file::load_from(const std::string& file, std::vector<Registe
     unsigned last_row = 0;   // line of the last row
     bool ok = true;
     std::vector<uint16_t> selected;  // pages the rows select
+    long line_start = std::ftell(f);
     while (ok && std::fgets(line, sizeof line, f)) {
         ++number;
+        // A NUL byte would end the line's text early: the rest of the line
+        // would go unread (and unchecked).
+        const long line_end = std::ftell(f);
+        if (line_end - line_start != long(std::strlen(line))) {
+            error = where + ": line " + std::to_string(number) + " is not text (a NUL byte)";
+            ok = false;
+            break;
+        }
+        line_start = line_end;
         if (!std::strchr(line, '\n') && !std::feof(f)) {
             error = where + ": line " + std::to_string(number) + " is too long";
             ok = false;

@@ -1,11 +1,22 @@
 // libFuzzer target: an input is a sequence of calls of the exported
-// interface and of hardware faults, run against the simulated engine (whose
+// interface and of hardware faults, run against a simulated engine (whose
 // faults the input switches while the driver runs); after every call and at
 // the end of the input the driver's invariants must hold.
 //
-// Input format: one byte selects an operation (byte % operation count); the
-// operation reads its arguments from the bytes that follow (0 once the input
-// is exhausted). At most 96 operations run per input.
+// Input format: the first byte picks the engine (byte % 6: X7710, X5501 with
+// its full register table read from its file, X5503 with the short table,
+// MT9V022, RILO, KELP). Then one byte selects an operation (byte % operation
+// count); the operation reads its arguments from the bytes that follow (0
+// once the input is exhausted). At most 96 operations run per input.
+//
+// Start-up builds the one driver of a process once. So each engine has its
+// own simulator and driver object, built by the start-up code on the
+// engine's first input and kept; an input points the_scan_driver at its
+// engine's driver. Between inputs every driver is idle (the end-of-input
+// checks: sessions closed, engine off, stream stopped, no stop confirmation
+// to come): no frame, stop callback or driver alarm reaches a driver while
+// another is current; the alarms that stay (MT9V022 late-vsync watch,
+// AR0144 standby completion) touch only their own trait and simulator.
 //
 // The simulator runs in step mode: frames happen only when the input asks
 // for one ("frame") or while a call that must wait for a frame runs (a pump
@@ -23,9 +34,15 @@
 // no frame was handed out twice, and every frame the client held could be
 // given back while it was surely its own.
 //
+// Engine faults: failing reads (RILO), MT9M114 commands that hang or fail,
+// dropped frames (the X7710's and KELP's frame counters jump), and a long
+// wait while frames are held back (MT9V022 late vsync, stall handling).
+//
 // Fault classes can be limited with VQX_FUZZ_FAULTS (a comma list of drop,
-// duplicate, zero, unknown, regfail, stall, defer, never, startfail, sleep;
-// default all), e.g. to fuzz past a known defect.
+// duplicate, zero, unknown, regfail, stall, defer, never, startfail, sleep,
+// readfail, hang, cmderror, late; default all), and engines with
+// VQX_FUZZ_ENGINES (a comma list of engine types; default all), e.g. to
+// fuzz past a known defect.
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -41,6 +58,7 @@
 #include "Driver_invariants.h"
 #include "Frame_ledger.h"
 #include "Record_calls.h"
+#include "Scan_driver_init.h"
 #include "Sim_client.h"
 #include "scan_session.h"
 
@@ -52,58 +70,92 @@ constexpr unsigned kMaxOps = 96;
 constexpr unsigned kSlots = 3;
 constexpr unsigned kWaitBudgetMs = 40;
 constexpr unsigned kEndBoundMs = 2000 + 2000 + 2000;
+// A stop waits up to 2 s for captures that a sensor not streaming never
+// completes: after this long an input runs no more operations, so that it
+// ends well within the fuzzer's time-out.
+constexpr unsigned kInputBoundMs = 5000;
+constexpr unsigned kEngines = 6;
+// Engine types, and the register table select of their configuration (42:
+// the X5501's short table; anything else: its full table, from its file).
+constexpr struct { const char* type; uint32_t register_table; } kEngineTypes[kEngines] = {
+    {"X7710", 42}, {"X5501", 0}, {"X5503", 42}, {"MT9V022", 42}, {"RILO", 42}, {"KELP", 42}};
+
+bool listed(const char* list, const char* name)
+{
+    return !list || !*list || ("," + std::string(list) + ",").find("," + std::string(name) + ",") != std::string::npos;
+}
 
 struct Engine {
     vqxsim::Simulator* sim = nullptr;
     Frame_ledger* ledger = nullptr;
-    std::string faults;  // empty: all
-    std::atomic<bool> pumping{false};
-    std::atomic<bool> in_input{false};  ///< an input is running (not at exit)
-    std::atomic<bool> quit{false};
-    std::thread pump;
-
-    bool fault(const char* name) const
-    {
-        if (faults.empty())
-            return true;
-        const std::string list = "," + faults + ",";
-        return list.find("," + std::string(name) + ",") != std::string::npos;
-    }
+    Scan_driver* driver = nullptr;
 };
 
-Engine& engine()
-{
-    static Engine* e = [] {
-        auto* made = new Engine;  // lives until exit: the driver keeps its hardware layer
+struct Fuzz {
+    Engine engines[kEngines];     // built on first use, kept for the process
+    Scan_driver* const initial = the_scan_driver;
+    std::atomic<Engine*> current{nullptr};  ///< the running input's engine
+    std::atomic<bool> pumping{false};
+    std::thread pump;
+
+    bool fault(const char* name) const { return listed(std::getenv("VQX_FUZZ_FAULTS"), name); }
+
+    // The engine's simulator, and its driver built by start-up on it.
+    Engine& engine(unsigned i)
+    {
+        Engine& e = engines[i];
+        if (e.driver)
+            return e;
         vqxsim::Config c;
-        c.engine = "X7710";
+        c.engine = kEngineTypes[i].type;
+        c.register_table = kEngineTypes[i].register_table;
         c.buffers = 4;
         c.real_time = false;
         c.render = vqxsim::Render_mode::none;
         c.seed = 42;
-        made->sim = sim_client::kept_simulator(c);
-        made->sim->set_event_guard(robust::with_driver_monitor);
-        made->ledger = new Frame_ledger(*made->sim);
-        if (const char* f = std::getenv("VQX_FUZZ_FAULTS"))
-            made->faults = f;
+        e.sim = sim_client::kept_simulator(c);
+        e.sim->set_event_guard(robust::with_driver_monitor);
+        e.ledger = new Frame_ledger(*e.sim);
+        the_scan_driver = e.driver = new Scan_driver;
+        // The start-up flag is the process's: engines after the first are
+        // built by the start-up's build step itself.
+        if (!Initialize_scan_driver(nullptr) ||
+            (!e.driver->stream_driver && !Initialize_scan_driver_runonce(nullptr))) {
+            std::fprintf(stderr, "driver_fuzz: the %s engine did not start\n", c.engine.c_str());
+            std::abort();
+        }
+        return e;
+    }
+};
+
+Fuzz& fuzz()
+{
+    static Fuzz* f = [] {
+        setenv("VQX_REGISTER_TABLE_DIR", VQX_TABLE_SOURCE_DIR, 1);
+        auto* made = new Fuzz;  // lives until exit: the drivers keep their hardware layers
         made->pump = std::thread([made] {
-            while (!made->quit) {
+            for (;;) {
                 // Captures still armed when a stream stops complete, as on
                 // hardware that keeps streaming until the stop: without them
                 // every stop would wait for its 2 s bound.
-                const IStream_driver* stream =
-                    made->in_input && the_scan_driver ? the_scan_driver->stream_driver : nullptr;
+                Engine* e = made->current;
+                const IStream_driver* stream = e ? e->driver->stream_driver : nullptr;
                 const bool stopping = stream && stream->scan_state() == IStream_driver::STOPPING;
-                if ((made->pumping || stopping) && made->sim->buffers_in(vqxsim::Buffer_state::armed) > 0)
-                    made->sim->step(1, 5);
+                if (e && (made->pumping || stopping) && e->sim->buffers_in(vqxsim::Buffer_state::armed) > 0)
+                    e->sim->step(1, 5);
                 else
                     std::this_thread::sleep_for(std::chrono::microseconds(200));
             }
         });
         made->pump.detach();
+        std::atexit([] {  // each driver is taken down as the process's own is
+            for (Engine& e : fuzz().engines)
+                delete (the_scan_driver = e.driver);
+            the_scan_driver = fuzz().initial;
+        });
         return made;
     }();
-    return *e;
+    return *f;
 }
 
 [[noreturn]] void violated(const std::string& what)
@@ -141,11 +193,12 @@ struct Held {
 
 class Run {
 public:
-    explicit Run(Engine& e) : eng(e), sim(*e.sim), ledger(*e.ledger) {}
+    Run(Fuzz& f, Engine& e) : eng(f), sim(*e.sim), ledger(*e.ledger) {}
 
     void execute(Input& in)
     {
-        for (unsigned n = 0; n < kMaxOps && in.more(); ++n) {
+        const auto end = Clock::now() + std::chrono::milliseconds(kInputBoundMs);
+        for (unsigned n = 0; n < kMaxOps && in.more() && Clock::now() < end; ++n) {
             step(in);
             const robust::Buffer_census c = robust::snapshot().buffers;
             if (!c.error.empty())
@@ -159,7 +212,7 @@ private:
 
     void step(Input& in)
     {
-        switch (in.byte() % 16) {
+        switch (in.byte() % 17) {
         case 0: open(in); break;
         case 1: close(in); break;
         case 2: start(in); break;
@@ -175,7 +228,8 @@ private:
         case 12: fault(in); break;
         case 13: wait(in); break;
         case 14: sim.confirm_stop_now(); break;
-        default: sim.release_held_frames(); break;
+        case 15: sim.release_held_frames(); break;
+        default: late(in); break;
         }
     }
 
@@ -221,8 +275,8 @@ private:
     void frame(Input& in)
     {
         const unsigned n = 1 + in.byte() % 3;
-        for (unsigned i = 0; i < n && eng.sim->buffers_in(vqxsim::Buffer_state::armed) > 0; ++i)
-            eng.sim->step(1, 50);
+        for (unsigned i = 0; i < n && sim.buffers_in(vqxsim::Buffer_state::armed) > 0; ++i)
+            sim.step(1, 50);
     }
 
     // Calls VQXSI_GetNewScan only when it returns at once (see the header).
@@ -355,9 +409,10 @@ private:
     {
         using vqxsim::Faults;
         const vqxsim::Trigger p = vqxsim::Trigger::with_probability((in.byte() % 5) * 0.25);
-        const unsigned kind = in.byte() % 10;
-        static const char* const names[] = {"drop", "duplicate", "zero", "unknown", "regfail",
-                                            "stall", "defer", "never", "", "startfail"};
+        const unsigned kind = in.byte() % 13;
+        static const char* const names[] = {"drop",  "duplicate", "zero",  "unknown", "regfail",
+                                            "stall", "defer",     "never", "",        "startfail",
+                                            "readfail", "hang",   "cmderror"};
         if (*names[kind] && !eng.fault(names[kind]))
             return;
         const int defer_ms = kind == 6 ? in.byte() % 20 : 0;
@@ -372,7 +427,10 @@ private:
             case 6: f.defer_stop_ms = defer_ms; f.never_confirm_stop = false; break;
             case 7: f.never_confirm_stop = true; break;
             case 8: f.defer_stop_ms = -1; f.never_confirm_stop = false; break;
-            default: f.start_fail = !f.start_fail; break;
+            case 9: f.start_fail = !f.start_fail; break;
+            case 10: f.regfail_read = p; break;
+            case 11: f.command_hang = p; break;
+            default: f.command_error = p; break;
             }
         });
     }
@@ -383,6 +441,17 @@ private:
         if (waited + ms > kWaitBudgetMs)
             return;
         waited += ms;
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    }
+
+    // Once an input, while frames are held back and a scan runs: longer
+    // than the late-vsync watch (200 ms) and the stall times (100-300 ms).
+    void late(Input& in)
+    {
+        const unsigned ms = 200 + in.byte() % 8 * 25;
+        if (waited_late || !eng.fault("late") || !sim.faults().hold_frames || robust::snapshot().scanning_count == 0)
+            return;
+        waited_late = true;
         std::this_thread::sleep_for(std::chrono::milliseconds(ms));
     }
 
@@ -415,6 +484,8 @@ private:
             const unsigned out = ledger.buffers_out();
             if (problem.empty() && out != 0)
                 problem = std::to_string(out) + " buffers armed or filled, not back with the hardware layer";
+            if (problem.empty() && sim.stop_pending())
+                problem = "a stop confirmation still to come";
             if (problem.empty() || Clock::now() > deadline)
                 break;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -428,26 +499,32 @@ private:
             violated("hand-out: " + ledger.first_error());
     }
 
-    Engine& eng;
+    Fuzz& eng;
     vqxsim::Simulator& sim;
     Frame_ledger& ledger;
     VQXSI_HANDLE slots[kSlots] = {};
     std::vector<Held> held;
     uint64_t epoch = 0;
     unsigned waited = 0;
+    bool waited_late = false;
 };
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    Engine& e = engine();
+    Fuzz& f = fuzz();
     Input in(data, size);
-    e.in_input = true;
+    const unsigned pick = in.byte() % kEngines;
+    if (!listed(std::getenv("VQX_FUZZ_ENGINES"), kEngineTypes[pick].type))
+        return 0;
+    Engine& e = f.engine(pick);
+    the_scan_driver = e.driver;
+    f.current = &e;
     {
-        Run run(e);
+        Run run(f, e);
         run.execute(in);
     }
-    e.in_input = false;
+    f.current = nullptr;
     return 0;
 }

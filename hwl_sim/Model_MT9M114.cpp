@@ -167,6 +167,11 @@ public:
     void begin_frame(Frame_settings& frame) override;
     Clock::time_point next_event() const override;
     void run_until(Clock::time_point now) override;
+    void faults_changed(const Faults& faults) override
+    {
+        hang_gate.retarget(faults.command_hang);
+        error_gate.retarget(faults.command_error);
+    }
 
 private:
     void power_on_values();

@@ -139,6 +139,9 @@ public:
     /// fills what acts at once (frame count, read-out orientation) into
     /// @p frame, which holds the latched controls.
     virtual void begin_frame(Frame_settings& frame) = 0;
+    /// The faults in force changed (Simulator::update_faults): a model with
+    /// faults of its own takes their new triggers.
+    virtual void faults_changed(const Faults& faults) { (void)faults; }
 };
 
 /// The model of @p config's engine, or null with a message when none exists.

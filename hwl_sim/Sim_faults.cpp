@@ -93,6 +93,7 @@ void Sim_core::update_faults(const std::function<void(Faults&)>& change)
     read_gate.retarget(faults.regfail_read);
     write_gate.retarget(faults.regfail_write);
     psoc_gate.retarget(faults.psocfail);
+    model->faults_changed(faults);
     trace.line("faults changed");
     wake.notify_all();
 }
