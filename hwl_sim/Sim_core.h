@@ -41,8 +41,9 @@
 // Stall: after Faults::stall_after delivered frames the transfer stalls
 // once: no frames, the frame counter stops, the status shows streaming with
 // the PLL locked, 0x306A shows 0x0100. Cleared by StopScanning, StartScanning
-// and then a write to the streaming control; by ResetTransferHardware; or by
-// switching the supply off.
+// and then a write to the streaming control (the MT9V022, which has none: a
+// sensor reset through the PSoC); by ResetTransferHardware; or by switching
+// the supply off.
 //
 // Readout: a frame is rendered outside the lock, then written into its
 // buffer in strips of rows in row order: over most of the frame period in

@@ -51,7 +51,9 @@ bool Sim_core::IsPsocSupported()
     return cfg.psoc_fitted;
 }
 
-// A write to the PSoC's sensor reset line resets a supplied sensor.
+// A write to the PSoC's sensor reset line resets a supplied sensor. The
+// reset restarts the sensor's output: during a stall restart it ends the
+// stall, as a write to the streaming control does on a sensor that has one.
 bool Sim_core::WriteIIC_PSOC(unsigned char address, unsigned char* data, unsigned int count)
 {
     std::lock_guard<std::mutex> hold(mutex);
@@ -59,8 +61,11 @@ bool Sim_core::WriteIIC_PSOC(unsigned char address, unsigned char* data, unsigne
     bool ok = cfg.psoc_fitted && !psoc_gate.next() && psoc_model.write(address, data, count);
     if (!ok)
         ++this->count.psoc_failures;
-    if (ok && is_supplied && Psoc_model::sensor_reset(address, count))
+    if (ok && is_supplied && Psoc_model::sensor_reset(address, count)) {
         model->set_supply(true);  // the sensor's registers return to their power-on values
+        stream_restarted = is_stalled && stall_recovering;
+        clear_restarted_stall();
+    }
     trace.line("WriteIIC_PSOC(0x%02X, %s, %u) = %d", address, hex_bytes(data, count).c_str(), count, ok);
     state_changed();
     return ok;

@@ -5,8 +5,9 @@
 //   - VQXSI_GetNewScan and VQXSI_GetSingleFrame: the 30 s frame wait plus a
 //     margin; and while the hardware layer holds every frame back (stall
 //     fault) and the stream is scanning, the stall must release the caller:
-//     2000 ms after the last frame (or the first-frame retries), plus a
-//     margin for a call queued behind another one of the same session;
+//     2000 ms after the last frame (or the first-frame retries: four times
+//     the engine's resume time and what a retry blocks, see kEngines), plus
+//     a margin for a call queued behind another one of the same session;
 //   - every other call on a session another thread is waiting in: the same
 //     30 s plus margin (calls of one session are serialised);
 //   - every other call: two 2000 ms stop waits (close of a scanning
@@ -44,7 +45,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr long kFrameWaitBound = 30000 + 6000;
-constexpr long kStallGiveUpBound = 2000 + 4 * 150 + 8000;
 constexpr long kCallBound = 2 * 2000 + 4000;
 constexpr long kQuietStopBound = 2000 + 2000 + 3000;
 constexpr unsigned kBuffers = 4;
@@ -56,6 +56,51 @@ constexpr unsigned kHoldBudget = kBuffers - 2;
 // Longest wait for a frame in the liveness probe of a quiet point.
 constexpr long kProbeBound = 6000;
 constexpr uint64_t kUncertain = ~uint64_t(0);
+
+bool listed(const char* list, const std::string& name)
+{
+    return (" " + std::string(list) + " ").find(" " + name + " ") != std::string::npos;
+}
+
+// An engine that streams on the simulator: capture modes (bit m: mode m),
+// own fault classes, the driver's resume time after a trigger and what one
+// stall retry (trigger_off, trigger_on) blocks besides, and what shows that
+// it cannot stream until it is powered off (null: nothing).
+struct Engine {
+    const char* type;
+    unsigned modes;
+    const char* faults;
+    unsigned resume_ms, retry_ms;
+    bool (*stuck)(vqxsim::Simulator& sim);
+};
+// MT9M114: trigger_off and trigger_on wait up to 100 ms each for the last
+// host command, and write the next only when it succeeded: a hung or failed
+// command fails every later wait, until a power-up (after sleep or the last
+// close). A settled command completes within boot and command time (50 ms).
+bool host_command_stuck(vqxsim::Simulator& sim)
+{
+    return !sim_client::wait_until([&sim] { return sim.reg(0x0080) == 0x8000; }, 200);
+}
+
+const Engine kEngines[] = {
+    {"X7710", 0xFD, "", 150, 0, nullptr},
+    {"X5501", 0x3D, "command_hang command_error", 300, 2 * 100, host_command_stuck},
+    {"X5503", 0x3D, "command_hang command_error", 300, 2 * 100, host_command_stuck},
+    // No frame 200 ms after trigger_on: the late-vsync alarm resets the sensor
+    // and reloads the table (50 ms and 27 writes) under the sensor's monitor.
+    {"MT9V022", 0x3D, "late_vsync", 300, 50 + 50, nullptr},
+    // Rilo: the exposure read back from the sensor every frame (EXPINT) fails.
+    {"RILO", 0x3D, "regfail_read", 100, 0, nullptr},
+    // Kelp: bursts of dropped frames make its frame counter jump.
+    {"KELP", 0xFD, "skip", 300, 0, nullptr},
+};
+const char* const kSharedFaults = "drop duplicate zero unknown storm regfail defer never stall hwstall sleep";
+
+const Engine* find_engine(const std::string& type)
+{
+    auto e = std::find_if(std::begin(kEngines), std::end(kEngines), [&](const Engine& e) { return type == e.type; });
+    return e == std::end(kEngines) ? nullptr : e;
+}
 
 // ---------------------------------------------------------------------------
 // Shared state
@@ -85,7 +130,7 @@ struct Held {
 struct Counts {
     std::atomic<uint64_t> calls{0}, handed_certain{0}, handed_uncertain{0}, null_frames{0},
         unlocks{0}, starts{0}, stops{0}, single_frames{0}, reopens{0}, misuses{0},
-        quiet_points{0}, probes{0}, storms{0};
+        quiet_points{0}, probes{0}, storms{0}, power_cycles{0}, skips{0};
 };
 
 class Load {
@@ -94,6 +139,7 @@ public:
     Result run();
 
 private:
+    bool fault(const char* name) const { return listed(engine.faults, name) && opt.fault(name); }
     // Set-up and checks.
     void build_engine();
     std::string quiet_check(const char* where);
@@ -110,7 +156,8 @@ private:
         return false;
     }
     void unreserve_frame() { held_total.fetch_sub(1); }
-    std::string final_check();
+    void power_cycle();
+    std::string final_check(const char* where = "after the last close");
     [[noreturn]] void watchdog_failure(const std::string& what);
     void watchdog();
     void fail(const std::string& what);
@@ -129,6 +176,11 @@ private:
             sim->lose_held_frames();
     }
     void quiet_point();
+    void set_drop(bool all)
+    {
+        const vqxsim::Trigger drop = all ? vqxsim::Trigger::all() : sim->config().faults.drop;
+        sim->update_faults([drop](vqxsim::Faults& f) { f.drop = drop; });
+    }
 
     // Clients.
     void client(unsigned me);
@@ -152,6 +204,7 @@ private:
     long now_ms() const { return sim_client::elapsed_ms(begin); }
 
     const Options opt;
+    const Engine& engine;
     const Clock::time_point begin = Clock::now();
     std::atomic<unsigned> held_total{0};  ///< frames in the clients' held lists
     vqxsim::Simulator* sim = nullptr;
@@ -185,7 +238,7 @@ private:
 // Set-up
 // ---------------------------------------------------------------------------
 
-Load::Load(const Options& o) : opt(o), slots(o.sessions), clients(o.threads)
+Load::Load(const Options& o) : opt(o), engine(*find_engine(o.engine)), slots(o.sessions), clients(o.threads)
 {
     for (Slot& s : slots) {
         s.starts.reset(new std::atomic<int>[o.threads]);
@@ -200,7 +253,7 @@ void Load::build_engine()
     static Frame_ledger* shared_ledger = nullptr;
     if (!shared_sim) {
         vqxsim::Config c;
-        c.engine = "X7710";
+        c.engine = engine.type;
         c.fps = 250.0;
         c.buffers = kBuffers;
         c.render = vqxsim::Render_mode::none;
@@ -221,6 +274,12 @@ void Load::build_engine()
             c.faults.unknown_handle = p;
         if (opt.fault("regfail"))
             c.faults.regfail_write = vqxsim::Trigger::with_probability(0.01);
+        if (fault("regfail_read"))
+            c.faults.regfail_read = vqxsim::Trigger::with_probability(0.02);
+        if (fault("command_hang"))
+            c.faults.command_hang = vqxsim::Trigger::with_probability(0.05);
+        if (fault("command_error"))
+            c.faults.command_error = vqxsim::Trigger::with_probability(0.05);
         // Both live until the process exits: the driver keeps its hardware
         // layer for good.
         shared_sim = sim_client::kept_simulator(c);
@@ -283,6 +342,7 @@ void Load::watchdog_failure(const std::string& what)
 
 void Load::watchdog()
 {
+    const long stall_bound = 2000 + 4 * long(engine.resume_ms + engine.retry_ms) + 8000;
     while (!watchdog_quit) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         const long now = now_ms();
@@ -295,11 +355,11 @@ void Load::watchdog()
             if (now - since > c.bound)
                 watchdog_failure(std::string(c.op.load()) + " of client " + std::to_string(i) +
                                  " blocked past its bound of " + std::to_string(c.bound.load()) + " ms");
-            if (c.frame_wait && stalled_from >= 0 && now - std::max(since, stalled_from) > kStallGiveUpBound &&
+            if (c.frame_wait && stalled_from >= 0 && now - std::max(since, stalled_from) > stall_bound &&
                 robust::snapshot().stream == IStream_driver::SCANNING)
                 watchdog_failure(std::string(c.op.load()) + " of client " + std::to_string(i) +
                                  " did not give up on a stalled stream within " +
-                                 std::to_string(kStallGiveUpBound) + " ms");
+                                 std::to_string(stall_bound) + " ms");
         }
     }
 }
@@ -328,13 +388,15 @@ auto Load::call(unsigned me, const char* op, int slot, long bound, F f) -> declt
 // Every buffer is free and no stall is on: a scan must deliver a frame.
 // Register faults may refuse a start or stall the stream, and a stop the
 // hardware never confirms holds the next start back up to 2 s, so the
-// probe starts again until the bound.
+// probe starts again until the bound, power-cycling an engine stuck until then.
 std::string Load::liveness_probe()
 {
-    Slot& s = slots[0];
     const auto deadline = Clock::now() + std::chrono::milliseconds(kProbeBound);
     ++count.probes;
-    while (Clock::now() < deadline) {
+    while (Clock::now() < deadline && !failed) {
+        if (engine.stuck && engine.stuck(*sim))
+            power_cycle();
+        Slot& s = slots[0];
         if (VQXSI_StartScanning(s.handle) != 1)
             return "liveness probe: VQXSI_StartScanning failed";
         void* frame = VQXSI_GetNewScan(s.handle);
@@ -395,7 +457,8 @@ std::string Load::quiet_check(const char* where)
     return std::string(where) + ": " + e + "[" + s.describe() + "]";
 }
 
-std::string Load::final_check()
+// Closes every session (the last close powers the engine off).
+std::string Load::final_check(const char* where)
 {
     for (Slot& s : slots) {
         VQXSI_CloseSessionWithScanEngine(s.handle);
@@ -408,8 +471,20 @@ std::string Load::final_check()
         e = robust::check_all_closed(robust::snapshot());
     }
     if (!e.empty())
-        return "after the last close: " + e;
-    return quiet_check("after the last close");
+        return std::string(where) + ": " + e;
+    return quiet_check(where);
+}
+
+// With every client paused, holding nothing: powers the engine off and up.
+void Load::power_cycle()
+{
+    ++count.power_cycles;
+    std::string e = final_check("power cycle");
+    for (Slot& s : slots)
+        if (e.empty() && !(s.handle = VQXSI_OpenSessionWithScanEngine()))
+            e = "power cycle: VQXSI_OpenSessionWithScanEngine failed";
+    if (!e.empty())
+        fail(e);
 }
 
 // ---------------------------------------------------------------------------
@@ -427,9 +502,15 @@ void Load::plan_phase(std::mt19937_64& rng)
         defer_ms = int(1 + rng() % 40);
     else if (r < 0.8 || !opt.fault("defer"))
         defer_ms = 5;  // real transfer hardware confirms a stop a little later
-    sim->update_faults([never, defer_ms](vqxsim::Faults& f) {
+    // MT9V022: in some phases the first frame after leaving standby comes
+    // past the 200 ms late-vsync watch, some also past the 300 ms resume time.
+    unsigned late_ms = 0;
+    if (fault("late_vsync") && rng() % 100 < 40)
+        late_ms = unsigned(220 + rng() % 160);
+    sim->update_faults([never, defer_ms, late_ms](vqxsim::Faults& f) {
         f.never_confirm_stop = never;
         f.defer_stop_ms = defer_ms;
+        f.first_frame_delay_ms = late_ms;
     });
 }
 
@@ -488,6 +569,12 @@ Result Load::run()
         const auto stall_at = Clock::now() + std::chrono::milliseconds(100 + rng() % 400);
         const auto stall_end = stall_at + std::chrono::milliseconds(2200 + rng() % 600);
         const bool recovers = rng() % 2 == 0;
+        // Kelp: every frame dropped for 20 to 100 ms (up to 25 frames: past
+        // the three frames of the counter the trait follows at most).
+        const bool skip = fault("skip") && rng() % 100 < 80;
+        const auto skip_at = Clock::now() + std::chrono::milliseconds(skip ? rng() % 3000 : 0);
+        const auto skip_end = skip_at + std::chrono::milliseconds(skip ? 20 + rng() % 80 : 0);
+        bool skipping = false;
         while (Clock::now() < phase_end && !failed) {
             const auto now = Clock::now();
             if (stall && now >= stall_at && now < stall_end && !holding()) {
@@ -495,6 +582,10 @@ Result Load::run()
                 hold(true);
             } else if (holding() && now >= stall_end) {
                 end_stall(recovers);
+            }
+            if (skip && (now >= skip_at && now < skip_end) != skipping) {
+                set_drop(skipping = !skipping);
+                count.skips += skipping;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
             if (opt.verbose && now_ms() % 500 < 10) {
@@ -507,6 +598,8 @@ Result Load::run()
         }
         if (holding())
             end_stall(recovers);
+        if (skipping)
+            set_drop(false);
         if (!failed && Clock::now() < end)
             quiet_point();
     }
@@ -528,6 +621,9 @@ Result Load::run()
 
     const vqxsim::Counters n = sim->counters();
     const uint64_t handed = count.handed_certain + count.handed_uncertain;
+    uint64_t resets = 0;  // MT9V022: sensor resets through the PSoC, one a power-up, one a late vsync
+    for (const vqxsim::Psoc_write& w : sim->psoc_writes())
+        resets += w.address == 0x82;
     std::ostringstream text;
     text << "seed " << opt.seed << ", " << opt.seconds << " s, " << opt.threads << " threads, " << opt.sessions
          << " sessions, capture mode " << opt.capture_mode << ": " << count.calls << " calls, " << count.quiet_points
@@ -539,7 +635,10 @@ Result Load::run()
          << n.frames_held << " held back by stalls, "
          << n.duplicate_events + n.zero_handle_events + n.unknown_handle_events << " extra vsyncs, "
          << n.register_write_failures << " failed writes, " << n.stop_requests << " stop requests ("
-         << n.stop_confirmations << " confirmed late)";
+         << n.stop_confirmations << " confirmed late); " << engine.type << ": " << n.register_read_failures
+         << " failed reads, " << count.skips << " bursts of dropped frames, " << count.power_cycles
+         << " power cycles after a stuck host command, " << resets - std::min(resets, sim->calls("ImagerPowerOn"))
+         << " late-vsync sensor resets";
     result.summary = text.str();
     result.passed = !failed;
     result.failure = failure;
@@ -906,6 +1005,8 @@ void Load::op_storm(unsigned me, std::mt19937_64& rng)
 const char* Options::usage()
 {
     return "options (or VQX_STRESS_<NAME> environment variables):\n"
+           "  --engine=TYPE     engine type (default X7710): X7710 and KELP (capture modes\n"
+           "                    0, 2-7), X5501, X5503, MT9V022 and RILO (0, 2-5)\n"
            "  --seconds=N       duration of the load (default 10)\n"
            "  --seed=N          random seed (default 1)\n"
            "  --threads=N       client threads (default 4)\n"
@@ -913,7 +1014,9 @@ const char* Options::usage()
            "  --capture-mode=N  the simulated engine's capture mode (default 0)\n"
            "  --quiet-ms=N      time between quiet points (default 4000)\n"
            "  --faults=a,b,...  fault classes (default all): drop duplicate zero unknown storm\n"
-           "                    regfail defer never stall hwstall sleep; 'none' for none\n";
+           "                    regfail defer never stall hwstall sleep; 'none' for none;\n"
+           "                    the engine's own: X5501, X5503 command_hang command_error,\n"
+           "                    MT9V022 late_vsync, RILO regfail_read, KELP skip\n";
 }
 
 bool Options::parse(int argc, char** argv, std::string* error)
@@ -922,9 +1025,9 @@ bool Options::parse(int argc, char** argv, std::string* error)
         const char* name;
         const char* env;
     };
-    static const Item items[] = {{"seconds", "VQX_STRESS_SECONDS"}, {"seed", "VQX_STRESS_SEED"},
-                                 {"threads", "VQX_STRESS_THREADS"}, {"sessions", "VQX_STRESS_SESSIONS"},
-                                 {"capture-mode", "VQX_STRESS_CAPTURE_MODE"},
+    static const Item items[] = {{"engine", "VQX_STRESS_ENGINE"}, {"seconds", "VQX_STRESS_SECONDS"},
+                                 {"seed", "VQX_STRESS_SEED"}, {"threads", "VQX_STRESS_THREADS"},
+                                 {"sessions", "VQX_STRESS_SESSIONS"}, {"capture-mode", "VQX_STRESS_CAPTURE_MODE"},
                                  {"quiet-ms", "VQX_STRESS_QUIET_MS"}, {"faults", "VQX_STRESS_FAULTS"}};
     auto apply = [this, error](const std::string& name, const std::string& value) {
         if (name == "faults") {
@@ -937,6 +1040,8 @@ bool Options::parse(int argc, char** argv, std::string* error)
                 faults.clear();
             return true;
         }
+        if (name == "engine")
+            return engine = value, true;
         char* end = nullptr;
         const unsigned long long v = std::strtoull(value.c_str(), &end, 10);
         if (value.empty() || *end != '\0') {
@@ -973,6 +1078,16 @@ bool Options::parse(int argc, char** argv, std::string* error)
         if (!apply(name, arg.substr(arg.find('=') + 1)))
             return false;
     }
+    const Engine* e = find_engine(engine);
+    if (!e)
+        *error = "engine type " + engine + " does not stream on the simulated engine";
+    else if (capture_mode > 31 || !(e->modes >> capture_mode & 1))
+        *error = "engine " + engine + " does not stream in capture mode " + std::to_string(capture_mode);
+    for (const std::string& f : faults)
+        if (e && f != "none" && !listed(e->faults, f) && !listed(kSharedFaults, f))
+            *error = "engine " + engine + " has no fault class " + f;
+    if (!error->empty())
+        return false;
     if (faults.count("none"))
         faults = {"none"};
     return true;

@@ -1,7 +1,9 @@
 // The stress load: several client threads over several sessions issuing
 // seeded random valid and invalid calls of the exported interface against
 // the simulated engine with faults on, for a bounded time, under a watchdog,
-// with invariant checks at quiet points and at the end.
+// with invariant checks at quiet points and at the end: any engine type that
+// streams on the simulator, in any capture mode it streams in, each with its
+// own faults beside the shared ones (stress_load.cpp, kEngines).
 //
 // Used by stress_test.cpp (the GoogleTest entry and the command line).
 //
@@ -32,16 +34,19 @@ struct Options {
     uint64_t seed = 1;
     unsigned threads = 4;
     unsigned sessions = 3;
+    std::string engine = "X7710"; ///< engine type of the simulated engine
     unsigned capture_mode = 0;    ///< the engine's capture mode (GetConfig)
     unsigned quiet_ms = 4000;     ///< time between quiet points
     /// Fault classes: drop duplicate zero unknown storm regfail defer never
-    /// stall hwstall sleep. Empty: all.
+    /// stall hwstall sleep, and the engine's own. Empty: all.
     std::set<std::string> faults;
     bool verbose = false;
 
     bool fault(const char* name) const { return faults.empty() || faults.count(name) != 0; }
     /// Reads --name=value arguments (and the VQX_STRESS_* environment);
-    /// false with a message on a bad argument.
+    /// false with a message on a bad argument, an engine that does not
+    /// stream, a capture mode it does not stream in or a fault class it
+    /// does not have.
     bool parse(int argc, char** argv, std::string* error);
     static const char* usage();
 };

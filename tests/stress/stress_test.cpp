@@ -1,7 +1,7 @@
 // The stress test program: runs the stress load once (see stress_load.h).
 //
-//   test_stress [--seconds=N] [--seed=N] [--threads=N] [--sessions=N]
-//               [--capture-mode=N] [--quiet-ms=N] [--faults=a,b,...]
+//   test_stress [--engine=TYPE] [--seconds=N] [--seed=N] [--threads=N]
+//               [--sessions=N] [--capture-mode=N] [--quiet-ms=N] [--faults=a,b,...]
 //               [GoogleTest options]
 //
 // The same settings come from VQX_STRESS_SECONDS, VQX_STRESS_SEED, ... (the
