@@ -118,3 +118,40 @@ extern "C" int vqxsim_frame_info(const void* buffer_address, struct vqxsim_frame
 {
     return vqxsim::Sim_core::find_frame_info(buffer_address, out) ? 0 : -1;
 }
+
+extern "C" int vqxsim_counters(struct vqxsim_counters* out)
+{
+    vqxsim::Simulator* sim = vqxsim::environment_instance();
+    if (!sim || !out)
+        return -1;
+    const vqxsim::Counters n = sim->counters();
+    out->sensor_frames = n.sensor_frames;
+    out->frames_delivered = n.frames_delivered;
+    out->frames_returned = n.frames_returned;
+    out->frames_held = n.frames_held;
+    out->frames_dropped = n.frames_dropped;
+    out->buffers_lent = sim->buffers_in(vqxsim::Buffer_state::delivered);
+    out->buffers_armed = sim->buffers_in(vqxsim::Buffer_state::armed);
+    out->stop_requests = n.stop_requests;
+    out->register_failures = n.register_read_failures + n.register_write_failures;
+    return 0;
+}
+
+extern "C" int vqxsim_set_faults(const char* faults)
+{
+    vqxsim::Simulator* sim = vqxsim::environment_instance();
+    vqxsim::Faults parsed;
+    std::string error;
+    if (!sim || !faults || !parsed.parse(faults, &error))
+        return -1;
+    sim->update_faults([&parsed](vqxsim::Faults& f) { f = parsed; });
+    return 0;
+}
+
+extern "C" int vqxsim_end_held_frames(int release)
+{
+    vqxsim::Simulator* sim = vqxsim::environment_instance();
+    if (!sim)
+        return -1;
+    return static_cast<int>(release ? sim->release_held_frames() : sim->lose_held_frames());
+}

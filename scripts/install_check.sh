@@ -6,7 +6,7 @@
 #     written anywhere else, the run paths of installed programs and
 #     libraries hold no path of the build machine's trees, and no installed
 #     text file names the build or source tree;
-#   - installs each component alone (driver, porting, simulator) and checks
+#   - installs each component alone (driver, porting, simulator, tools) and checks
 #     what each holds;
 #   - moves the installed tree to another directory, then against the moved
 #     files: builds the skeleton hardware layer with find_package and runs
@@ -43,7 +43,7 @@ mkdir -p "$work/home"
 # those files (and only those), and hand them back afterwards.
 manifests=()
 for m in install_manifest.txt install_manifest_driver.txt install_manifest_porting.txt \
-         install_manifest_simulator.txt install_manifest_java.txt; do
+         install_manifest_simulator.txt install_manifest_tools.txt install_manifest_java.txt; do
   manifests+=("$build/$m")
 done
 owner=$(stat -c %u:%g "$build")
@@ -129,7 +129,7 @@ check_runpaths "$stage"
 for f in lib/libVQXScanInterface.so include/VQXScanInterface.h lib/pkgconfig/VQXScanInterface.pc \
          lib/cmake/VQXScanInterface/VQXScanInterfaceConfig.cmake include/VQXScanInterface/IHwl.h \
          bin/hwl_conformance share/VQXScanInterface/examples/hwl_skeleton/hwl_skeleton.cpp \
-         share/doc/VQXScanInterface/porting.md lib/libLmoKil.so bin/vqxscan; do
+         share/doc/VQXScanInterface/porting.md lib/libLmoKil.so bin/vqxscan bin/vqxsoak; do
   has "$stage" "$f"
 done
 say "whole package: $(wc -l < "$build/install_manifest.txt") files, all under the prefix; run paths: \$ORIGIN${extra_runpath:+ and $extra_runpath}"
@@ -144,7 +144,7 @@ outside=$(find "$work/destdir" -mindepth 1 \( -path "$work/destdir/opt" -o -path
 say "DESTDIR install: every file under DESTDIR/prefix"
 
 # Each component alone.
-for c in driver porting simulator; do
+for c in driver porting simulator tools; do
   as_user cmake --install "$build" --prefix "$work/only-$c" --component "$c" >/dev/null
   manifest_under "$build/install_manifest_$c.txt" "$work/only-$c"
 done
@@ -163,7 +163,9 @@ needs_none "$work/only-porting" 'ZXing|png|LmoKil|VQXScanInterface'
 has "$work/only-simulator" lib/libLmoKil.so
 has "$work/only-simulator" bin/vqxscan
 lacks "$work/only-simulator" "lib/libVQXScanInterface*"
-say "components: driver, porting and simulator each hold only their own files"
+has "$work/only-tools" bin/vqxsoak
+lacks "$work/only-tools" "lib/*"
+say "components: driver, porting, simulator and tools each hold only their own files"
 if [ -e "$build/java/vqxscan.jar" ]; then
   as_user cmake --install "$build" --prefix "$work/only-java" --component java >/dev/null
   manifest_under "$build/install_manifest_java.txt" "$work/only-java"
@@ -239,6 +241,7 @@ needs_none "$work/nosim" 'ZXing|png'
 readelf -d "$work/nosim/lib/libVQXScanInterface.so" | grep -q 'NEEDED.*\[libLmoKil.so\]' \
   || fail "the driver built without the simulator does not need libLmoKil.so"
 has "$work/nosim" bin/hwl_conformance
+has "$work/nosim" bin/vqxsoak
 # A platform's hardware layer dropped in beside the driver (here: the
 # simulator from the full package) is the one the driver uses.
 as_user cp "$prefix/lib/libLmoKil.so" "$work/nosim/lib/"
