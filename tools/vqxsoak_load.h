@@ -12,10 +12,16 @@
 // stall: every frame held back for longer than the driver's stall bound,
 // then announced late (a late vsync) or lost.
 //
+// An MT9M114 engine left stuck by host command faults is powered down by
+// closing every session, as a client gets it back (see
+// power_cycle_if_stuck).
+//
 // The segment fails on a dead stream (a scanning session without a frame
 // for kDeadStreamMs, or none within kRecoveryMs of a stall's end), on a
 // buffer the hardware layer lent and did not get back once every session is
-// closed, and on resident memory growing after the first minute.
+// closed, and on resident memory growing after the first minute. Frames
+// refused back with no start, stop or close of any session in between are
+// counted and reported.
 #ifndef VQXSOAK_LOAD_H
 #define VQXSOAK_LOAD_H
 

@@ -9,16 +9,23 @@
 //   - X5501: an automatic scan starts from the exposure the last one ended
 //     with;
 //   - APTINA: a scan delivers no frame (the trait leaves frame delivery
-//     unimplemented) and no call waits for one.
+//     unimplemented) and no call waits for one;
+//   - every streaming engine: bad inputs (EngineMisuse, below).
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <ostream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <VQXScanInterface.h>
 
+#include "Output_capture.h"
 #include "Sim_client.h"
 #include "vqxsim_c.h"
 #include "Simulator.h"
@@ -175,5 +182,109 @@ TEST(EngineRecovery, X5501ScanStartsFromTheExposureTheLastEndedWith)
     }
     sim->shutdown();
 }
+
+}  // namespace
+
+namespace {
+
+// Bad inputs on every streaming engine, one engine a process: a close while
+// the client holds every buffer it can (all but the driver's one to capture
+// into), a close and a stop in the first stall's recovery (the MT9V022's:
+// its late-vsync reset), and every register access failing after the
+// power-up. Each ends with the documented results, the engine's own log
+// lines, and every frame back with the simulated transfer.
+struct Misuse_engine {
+    const char* type;
+    const char* retry_line;    ///< the first stall retry's line; X7710: with its status and frame count
+    const char* stop_line;     ///< printed at every stop
+    const char* regfail_line;  ///< printed when every register access fails
+    bool streams_without_registers;
+};
+const Misuse_engine kMisuseEngines[] = {
+    {"X7710", "Stall2: Status = 0x%02X frames = %u\n", "", "", false},
+    {"X5501", "trigger_off()", "trigger_off()", "ERROR: Command failed, err 5\r\n", false},
+    {"X5503", "trigger_off()", "trigger_off()", "ERROR: Command failed, err 5\r\n", false},
+    {"MT9V022", "A late vsync has occured\r\n", "", "", true},
+    {"RILO", "", "", "", false},
+    {"KELP", "", "", "", false},
+};
+
+void PrintTo(const Misuse_engine& e, std::ostream* os) { *os << e.type; }
+
+class EngineMisuse : public testing::TestWithParam<Misuse_engine> {};
+
+TEST_P(EngineMisuse, EndsWithEveryFrameBack)
+{
+    const Misuse_engine& e = GetParam();
+    if (sim_client::first_case(e.type) != e.type)
+        GTEST_SKIP() << "one engine a process (ctest runs each case alone)";
+    vqxsim::Simulator* sim = start_sim(e.type, "");
+    Output_capture out;
+    // After each case: every buffer is free again and every frame back, the
+    // calls left errno alone, and the log has each of @p lines (or nothing).
+    auto ended = [sim](std::vector<std::string> lines) {
+        EXPECT_EQ(12345, errno);
+        EXPECT_TRUE(wait_until([sim] {
+            const vqxsim::Counters c = sim->counters();
+            return c.frames_delivered == c.frames_returned
+                   && sim->buffers_in(vqxsim::Buffer_state::free) == sim->config().buffers;
+        }));
+        const std::vector<std::string> log = Output_capture::take();
+        lines.erase(std::remove(lines.begin(), lines.end(), ""), lines.end());
+        for (const std::string& line : lines)
+            EXPECT_NE(0, std::count(log.begin(), log.end(), line)) << line;
+        EXPECT_TRUE(!lines.empty() || log.empty()) << log.front();
+    };
+
+    VQXSI_HANDLE h = VQXSI_OpenSessionWithScanEngine();
+    ASSERT_EQ(1, VQXSI_StartScanning(h));
+    for (unsigned i = 0; i + 1 < sim->config().buffers; ++i)
+        ASSERT_NE(nullptr, VQXSI_GetNewScan(h)) << i;
+    // The frame after next comes once the next one has been taken back.
+    const uint64_t delivered = sim->counters().frames_delivered;
+    ASSERT_TRUE(wait_until([&] { return sim->counters().frames_delivered >= delivered + 2; }));
+    errno = 12345;
+    VQXSI_CloseSessionWithScanEngine(h);
+    ended({"All image buffers but one are held by clients: new frames are taken back until a client gives a "
+           "buffer back (4 buffers).\r\n", e.stop_line});
+
+    // No frame comes (the next is a minute away; one the last stream still
+    // finishes is held back). The recovery holds the driver's lock: the call
+    // made once it has touched the engine waits for it.
+    for (bool close : {true, false}) {
+        SCOPED_TRACE(close ? "close in the stall recovery" : "stop in the stall recovery");
+        sim->update_faults([](vqxsim::Faults& f) { f.first_frame_delay_ms = 60000, f.hold_frames = true; });
+        Session s;
+        ASSERT_EQ(1, VQXSI_StartScanning(s));
+        auto touched = [sim] { return sim->calls("ReadReg") + sim->calls("WriteReg") + sim->calls("WriteIIC_PSOC"); };
+        const uint64_t before = touched();
+        ASSERT_TRUE(wait_until([&] { return touched() > before; })) << "no stall recovery";
+        char retry[80];  // what the sensor shows while no frame comes
+        std::snprintf(retry, sizeof retry, e.retry_line, unsigned(sim->reg(0x303C)), unsigned(sim->reg(0x303A)));
+        errno = 12345;
+        if (close)
+            s.close();
+        else
+            EXPECT_EQ(1, VQXSI_StopScanning(s));
+        ended({retry, e.stop_line});
+        sim->update_faults([](vqxsim::Faults& f) { f = vqxsim::Faults{}; });
+    }
+
+    // Every register access fails from the power-up of the open on.
+    Session s;
+    sim->update_faults([](vqxsim::Faults& f) { f.regfail_read = f.regfail_write = vqxsim::Trigger::all(); });
+    errno = 12345;
+    EXPECT_EQ(1, VQXSI_StartScanning(s));
+    void* frame = VQXSI_GetNewScan(s);
+    EXPECT_EQ(e.streams_without_registers, frame != nullptr);
+    EXPECT_EQ(frame != nullptr, VQXSI_UnlockBuffer(s, frame));
+    EXPECT_EQ(1, VQXSI_StopScanning(s));
+    s.close();
+    ended({e.regfail_line, e.stop_line});
+    sim->shutdown();
+}
+
+INSTANTIATE_TEST_SUITE_P(Engines, EngineMisuse, testing::ValuesIn(kMisuseEngines),
+                         [](const testing::TestParamInfo<Misuse_engine>& i) { return std::string(i.param.type); });
 
 }  // namespace
