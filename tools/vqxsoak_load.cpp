@@ -75,6 +75,12 @@ long resident_kib()
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
+// What had happened when a frame was asked for (see Segment::scan).
+struct Epoch {
+    uint64_t reclaims = 0;
+    uint64_t uncertain = 0;
+};
+
 struct Worker {
     std::thread thread;
     std::atomic<bool> active{false};
@@ -86,7 +92,7 @@ struct Worker {
     std::atomic<uint64_t> opens{0};
     std::atomic<uint64_t> open_failures{0};
     std::atomic<long> longest_wait_ms{0};
-    std::atomic<uint64_t> refused{0};  ///< frames refused back with no start, stop or close between
+    std::atomic<uint64_t> refused{0};  ///< frames refused back: another session's stop took them
 };
 
 class Segment {
@@ -127,6 +133,7 @@ private:
     // stop (and a start that fails, which stops again) takes back every
     // frame clients hold, in all sessions.
     std::atomic<uint64_t> reclaims{0};
+    std::atomic<uint64_t> uncertain{0};  ///< unlocks of frames that may have been taken back
     Sim_control sim;
     std::mutex failure_mutex;
     std::string failure;  ///< the first failure, under failure_mutex
@@ -172,12 +179,21 @@ void Segment::scan(Worker& w, VQXSI_HANDLE h, std::mt19937_64& r)
 {
     void* kept = nullptr;
     long keep_until = 0;
-    uint64_t kept_epoch = 0;
-    // A start, stop or close since a frame's hand-out may have taken it
-    // back; a refusal without one is counted and reported.
-    auto unlock = [&](void* frame, uint64_t epoch) {
-        if (!VQXSI_UnlockBuffer(h, frame) && reclaims == epoch)
-            ++w.refused;
+    Epoch kept_epoch;
+    // A refusal is a lost frame unless a start, stop or close of some
+    // session, or an unlock of a frame one may have taken, came since the
+    // hand-out. Such an unlock is counted before it is made: the frame may
+    // have been taken back and handed to another session since, and the
+    // unlock then takes it from that session (clients own frames together).
+    auto unlock = [&](void* frame, const Epoch& since) {
+        const bool certain = reclaims == since.reclaims;
+        if (!certain)
+            ++uncertain;
+        if (VQXSI_UnlockBuffer(h, frame))
+            return;
+        ++w.refused;
+        if (reclaims == since.reclaims && uncertain == since.uncertain)
+            fail("a frame the session held was refused back (errno " + std::to_string(errno) + ")");
     };
     auto give_back = [&] {
         if (kept) {
@@ -198,7 +214,7 @@ void Segment::scan(Worker& w, VQXSI_HANDLE h, std::mt19937_64& r)
     while (w.active && !quit) {
         if (kept && now_ms() >= keep_until)
             give_back();
-        const uint64_t epoch = reclaims;
+        const Epoch epoch{reclaims, uncertain};
         const long asked = now_ms();
         void* frame = VQXSI_GetNewScan(h);
         const long waited = now_ms() - asked;

@@ -19,9 +19,9 @@
 // The segment fails on a dead stream (a scanning session without a frame
 // for kDeadStreamMs, or none within kRecoveryMs of a stall's end), on a
 // buffer the hardware layer lent and did not get back once every session is
-// closed, and on resident memory growing after the first minute. Frames
-// refused back with no start, stop or close of any session in between are
-// counted and reported.
+// closed, on resident memory growing after the first minute, and on a
+// frame refused back that nothing could have taken from the session (see
+// Segment::scan).
 #ifndef VQXSOAK_LOAD_H
 #define VQXSOAK_LOAD_H
 
