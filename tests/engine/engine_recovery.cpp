@@ -191,8 +191,8 @@ namespace {
 // the client holds every buffer it can (all but the driver's one to capture
 // into), a close and a stop in the first stall's recovery (the MT9V022's:
 // its late-vsync reset), and every register access failing after the
-// power-up. Each ends with the documented results, the engine's own log
-// lines, and every frame back with the simulated transfer.
+// power-up. Each ends with the interface's results (errno untouched), the
+// engine's own log lines, and every frame back with the simulated transfer.
 struct Misuse_engine {
     const char* type;
     const char* retry_line;    ///< the first stall retry's line; X7710: with its status and frame count
