@@ -56,7 +56,7 @@ std::vector<std::string> fault_lists(const std::string& engine)
     std::vector<std::string> lists = {"drop=0.05,duplicate=0.05", "zero_handle=0.05,unknown_handle=0.05",
                                       "storm=0.1", "regfail_write=0.005", "defer_stop=100", "psocfail=0.05"};
     if (engine == "X5501" || engine == "X5503")
-        lists.insert(lists.end(), {"command_error=0.05", "command_hang=0.01"});
+        lists.insert(lists.end(), {"command_error=0.3", "command_hang=0.1"});
     else if (engine == "RILO")
         lists.push_back("regfail_read=0.05");
     else if (engine == "KELP")
@@ -112,6 +112,7 @@ private:
     void set_faults(const std::string& list);
     bool stall();
     void power_cycle_if_stuck();
+    void close_all();
     void check_streams();
     bool buffers_back(struct vqxsim_counters* n);
     void fail(const std::string& what);
@@ -294,8 +295,20 @@ void Segment::power_cycle_if_stuck()
         stuck = stuck || (w.scanning && now_ms() - w.last_frame_ms > kStuckMs);
     if (!commands_faulted || !stuck)
         return;
-    for (Worker& w : workers)
-        w.active = false;
+    close_all();
+    commands_faulted = false;
+    ++power_cycles;
+}
+
+// Every session closes (the engine powers down) and the active ones open
+// again.
+void Segment::close_all()
+{
+    std::vector<bool> was(workers.size());
+    for (size_t i = 0; i < workers.size(); ++i) {
+        was[i] = workers[i].active;
+        workers[i].active = false;
+    }
     for (int i = 0; i < 1000; ++i) {
         bool closed = true;
         for (Worker& w : workers)
@@ -304,8 +317,8 @@ void Segment::power_cycle_if_stuck()
             break;
         sleep_ms(10);
     }
-    commands_faulted = false;
-    ++power_cycles;
+    for (size_t i = 0; i < workers.size(); ++i)
+        workers[i].active = was[i];
 }
 
 void Segment::check_streams()
@@ -348,11 +361,16 @@ int Segment::run()
             if (!stall())
                 fail("dead stream: no frame within " + std::to_string(kRecoveryMs / 1000) + " s of a stall's end");
         } else {
-            const std::string list = faulty ? lists[rng() % lists.size()] : "";
+            const std::string list = faulty ? lists[(phase / 2 + opt.seed) % lists.size()] : "";
             std::fprintf(stderr, "vqxsoak: phase %u at %ld ms: %u sessions, faults \"%s\"\n", phase, now_ms(),
                          sessions, list.c_str());
             set_faults(list);
-            commands_faulted = commands_faulted || list.find("command_") != std::string::npos;
+            if (list.find("command_") != std::string::npos) {
+                // Host commands come at power-up and at a stream's start and
+                // stop: every session closes and opens again under them.
+                commands_faulted = true;
+                close_all();
+            }
             for (long t = 0; t < kPhaseMs && now_ms() < end; t += 100) {
                 sleep_ms(100);
                 if (kib_minute < 0 && now_ms() >= 60000)
