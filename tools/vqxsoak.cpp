@@ -7,9 +7,11 @@
 //           [--seed=N] [--no-faults] [--device] [--log=FILE]
 //
 // The driver and its hardware layer are process-wide, so each segment (one
-// engine in one capture mode) runs in a child process of its own, started
-// from this program with the simulator's VQXSIM_ENGINE and
-// VQXSIM_CAPTURE_MODE set (see vqxsoak_load.h for what a segment does).
+// engine in one capture mode) runs in a child process of its own, forked
+// before this process has touched the driver, with the simulator's
+// VQXSIM_ENGINE and VQXSIM_CAPTURE_MODE set (see vqxsoak_load.h for what a
+// segment does). It is not executed anew, so it also runs where a foreign
+// binary needs an emulator.
 // An engine's time is split into segments of at least five minutes, one per
 // capture mode as far as the time allows; a short run gives each engine one
 // mode, chosen by the seed.
@@ -60,7 +62,6 @@ struct Options {
     std::vector<unsigned> modes;
     vqxsoak::Segment_options segment;
     bool device = false;
-    bool child = false;
     std::string log;
 };
 
@@ -116,10 +117,6 @@ bool parse(int argc, char** argv, Options& o, std::string& error)
             o.segment.faults = false;
         else if (arg == "--device")
             o.device = true;
-        else if (arg == "--child")
-            o.child = true;
-        else if (name == "--engine" && !value.empty())
-            o.segment.engine = value;
         else
             return error = "bad argument \"" + arg + "\"", false;
     }
@@ -174,7 +171,7 @@ std::string read_file(const std::string& path)
 
 // Runs one segment in a child process with its output in a file; fills the
 // segment's result and failure.
-void run_child(const char* self, const Options& o, Segment& s, std::ofstream& log)
+void run_child(const Options& o, Segment& s, std::ofstream& log)
 {
     char path[] = "/tmp/vqxsoak-XXXXXX";
     const int fd = mkstemp(path);
@@ -182,14 +179,14 @@ void run_child(const char* self, const Options& o, Segment& s, std::ofstream& lo
         s.failure = "no temporary file";
         return;
     }
-    std::vector<std::string> args = {self, "--child", "--seconds=" + std::to_string(s.seconds),
-                                     "--sessions=" + std::to_string(o.segment.sessions),
-                                     "--seed=" + std::to_string(o.segment.seed)};
-    if (!s.engine.empty())
-        args.push_back("--engine=" + s.engine);
-    if (!o.segment.faults)
-        args.push_back("--no-faults");
+    std::fflush(stdout);
     const pid_t pid = fork();
+    if (pid < 0) {
+        close(fd);
+        unlink(path);
+        s.failure = "no child process";
+        return;
+    }
     if (pid == 0) {
         dup2(fd, 1);
         dup2(fd, 2);
@@ -198,12 +195,10 @@ void run_child(const char* self, const Options& o, Segment& s, std::ofstream& lo
             setenv("VQXSIM_CAPTURE_MODE", std::to_string(s.mode).c_str(), 1);
             setenv("VQXSIM_SEED", std::to_string(o.segment.seed).c_str(), 1);
         }
-        std::vector<char*> argv;
-        for (std::string& a : args)
-            argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        execv("/proc/self/exe", argv.data());
-        _exit(127);
+        vqxsoak::Segment_options segment = o.segment;
+        segment.seconds = s.seconds;
+        segment.engine = s.engine;
+        std::exit(vqxsoak::run_segment(segment));
     }
     close(fd);
     int status = 0;
@@ -296,10 +291,6 @@ int main(int argc, char** argv)
                      error.c_str());
         return 2;
     }
-    if (o.child) {
-        o.segment.seconds = o.seconds;
-        return vqxsoak::run_segment(o.segment);
-    }
     std::vector<Segment> segments = plan(o);
     if (segments.empty()) {
         std::fprintf(stderr, "vqxsoak: no engine streams in the capture modes given\n");
@@ -313,7 +304,7 @@ int main(int argc, char** argv)
         std::printf("vqxsoak: %s, capture mode %u, %u s\n", s.engine.empty() ? "device" : s.engine.c_str(), s.mode,
                     s.seconds);
         std::fflush(stdout);
-        run_child(argv[0], o, s, log);
+        run_child(o, s, log);
         passed = passed && s.failure.empty();
     }
     report(segments);
