@@ -222,11 +222,13 @@ void run_child(const Options& o, Segment& s, std::ofstream& log)
             if (line.find(mark) != std::string::npos && s.failure.empty())
                 s.failure = "sanitizer report: " + line;
         if (line.rfind("vqxsoak-segment ", 0) == 0) {
-            std::istringstream fields(line.substr(16));
+            // name=value fields, then the failure's text, which has spaces.
+            const size_t at = line.find(" failure=");
+            std::istringstream fields(line.substr(16, at - 16));
             for (std::string f; fields >> f;)
                 s.result[f.substr(0, f.find('='))] = f.substr(f.find('=') + 1);
-            const size_t at = line.find(" failure=");
-            s.result["failure"] = line.substr(at + 9);
+            if (at != std::string::npos)
+                s.result["failure"] = line.substr(at + 9);
         }
     }
     if (s.failure.empty() && WIFSIGNALED(status))
