@@ -16,9 +16,15 @@
 //    itself as owner while it owns it). A thread that finds the mutex taken
 //    spins briefly before it sleeps on the condition variable: monitors are
 //    held for a few hundred nanoseconds, much less than a sleep and a
-//    wake-up cost.
+//    wake-up cost. A release that finds a thread asleep hands the mutex to
+//    a sleeper instead of freeing it, so a thread that re-enters at once
+//    cannot keep a sleeping one out for good.
 //  - MT_Event_struct: an auto-reset (wakes one waiter, the taker resets it)
-//    or manual-reset (wakes all, stays set until reset_event) event.
+//    or manual-reset (wakes all, stays set until reset_event) event. Its
+//    sleepers are woken after the guard is given up, so one set costs each
+//    sleeper one wake-up; set_event therefore still touches the object
+//    after a waiter may have returned, and an event must outlive every
+//    set_event call, not only its waits.
 //  - MT_CreateThread, MT_Delay, MT_GetTickCount and the deadline helpers.
 //
 // Time-outs are unsigned 32-bit milliseconds: 0 polls, MT_INFINITE waits for
@@ -107,6 +113,12 @@ protected:
 private:
     /// Takes a free mutex for the calling thread; false when held.
     bool try_take();
+    /// Takes a mutex a releaser handed to the sleepers (guard held).
+    bool take_handed_off();
+    /// The lock word of a mutex given to whichever sleeper wakes first: no
+    /// thread handle (they are addresses), and never free to a
+    /// compare-and-swap.
+    static constexpr pthread_t handed_off = 1;
     /// Threads between their first guarded attempt and giving up or
     /// taking the mutex: a releaser signals only when some exist.
     std::atomic<unsigned> blocked{0};

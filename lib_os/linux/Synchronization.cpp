@@ -173,6 +173,14 @@ bool MT_Mutex_struct::try_take()
 // clears the owner and then sees `blocked` non-zero signals under the
 // guard, so the sleeper either took the mutex in that attempt or is asleep
 // and gets the signal (both sides use sequentially consistent operations).
+//
+// Hand-off: a releaser that finds a thread asleep on the mutex does not
+// free it but leaves the lock word at `handed_off` and wakes a sleeper,
+// and the first waiter to look under the guard takes it from there. A
+// thread that keeps re-entering at once (the hardware layer's thread,
+// delivering frame after frame) would otherwise always win the freed lock
+// word against a sleeper that takes tens of microseconds to wake, and a
+// client waiting for the monitor could wait for as long as frames come.
 bool MT_Mutex_struct::wait(unsigned int ms)
 {
     if (_owns()) {
@@ -197,7 +205,7 @@ bool MT_Mutex_struct::wait(unsigned int ms)
     blocked.fetch_add(1, std::memory_order_seq_cst);
     bool got = false;
     for (;;) {
-        if (try_take()) {
+        if (take_handed_off() || try_take()) {
             got = true;
             break;
         }
@@ -206,7 +214,7 @@ bool MT_Mutex_struct::wait(unsigned int ms)
                                              : pthread_cond_timedwait(&cond, &mutex, &deadline);
         --sleepers;
         if (status == ETIMEDOUT) {
-            got = try_take();
+            got = take_handed_off() || try_take();
             break;
         }
         SD_ASSERT(status == 0, "status == 0", source_file, 94);
@@ -214,6 +222,16 @@ bool MT_Mutex_struct::wait(unsigned int ms)
     blocked.fetch_sub(1, std::memory_order_seq_cst);
     unlock_guard();
     return got;
+}
+
+// Called with the guard held, where every hand-off is made.
+bool MT_Mutex_struct::take_handed_off()
+{
+    if (owner.load(std::memory_order_relaxed) != handed_off)
+        return false;
+    owner.store(pthread_self(), std::memory_order_seq_cst);
+    taken.store(1, std::memory_order_relaxed);
+    return true;
 }
 
 void MT_Mutex_struct::release()
@@ -228,6 +246,21 @@ void MT_Mutex_struct::release()
         return;
     }
     taken.store(0, std::memory_order_relaxed);
+    if (blocked.load(std::memory_order_seq_cst) != 0) {
+        // Still the owner: no thread can take the lock word meanwhile. A
+        // blocked thread is either asleep (counted in sleepers) or waiting
+        // for the guard to make its first attempt, which finds the lock
+        // word free.
+        lock_guard();
+        if (sleepers != 0) {
+            owner.store(handed_off, std::memory_order_seq_cst);
+            pthread_cond_signal(&cond);
+        } else {
+            owner.store(0, std::memory_order_seq_cst);
+        }
+        unlock_guard();
+        return;
+    }
     owner.store(0, std::memory_order_seq_cst);
     if (blocked.load(std::memory_order_seq_cst) != 0) {
         lock_guard();
@@ -271,18 +304,25 @@ MT_Event_struct::MT_Event_struct(bool signaled_, bool auto_reset_)
 {
 }
 
+// The sleepers are woken once the guard is given up: a sleeper woken while
+// the setter still held it would find the guard taken, sleep on it a
+// second time and need a second wake-up from the unlock. Waking after the
+// unlock is safe because a waiter only returns once it has seen `signaled`
+// under the guard, and the object outlives every set_event (see the
+// header). An auto-reset event that a poll took before the signal lands
+// wakes a sleeper that finds it unsignaled and sleeps again.
 void MT_Event_struct::set_event()
 {
     lock_guard();
     signaled = true;
-    if (sleepers == 0) {
-        // Nobody to wake.
-    } else if (auto_reset) {
-        pthread_cond_signal(&cond);
-    } else {
-        pthread_cond_broadcast(&cond);
-    }
+    const bool wake = sleepers != 0;
     unlock_guard();
+    if (!wake)
+        return;
+    if (auto_reset)
+        pthread_cond_signal(&cond);
+    else
+        pthread_cond_broadcast(&cond);
 }
 
 void MT_Event_struct::reset_event()

@@ -17,6 +17,7 @@ namespace {
 struct Probe_mutex : MT_Mutex_struct {
     using MT_Mutex_struct::MT_Mutex_struct;
     unsigned depth() const { lock_guard(); const unsigned t = taken; unlock_guard(); return t; }
+    unsigned asleep() const { lock_guard(); const unsigned n = sleepers; unlock_guard(); return n; }
 };
 
 template <class F> bool on_other_thread(F f)
@@ -139,4 +140,35 @@ TEST(Time, TimespecTickCountDelayAndThreads)
     EXPECT_EQ(0, pthread_join(static_cast<pthread_t>(handle), nullptr));
     EXPECT_EQ(1, calls.load());
     EXPECT_FALSE(MT_CreateThread(nullptr, fn, &calls));
+}
+
+// A release that finds a thread asleep on the mutex hands it over: the
+// releasing thread, re-entering at once, finds it taken (it would win the
+// free lock word against a sleeper still waking up, every time), and the
+// sleeper, bounded or not, gets it.
+TEST(Mutex, ReleaseHandsTheMutexToASleeper)
+{
+    for (unsigned ms : {MT_INFINITE, 5000u}) {
+        Probe_mutex m(true);
+        std::atomic<bool> got{false};
+        std::thread sleeper([&] {
+            if (m.wait(ms)) {
+                got = true;
+                m.release();
+            }
+        });
+        for (int i = 0; i < 2000 && m.asleep() == 0; ++i)
+            std::this_thread::sleep_for(1ms);
+        ASSERT_EQ(1u, m.asleep());
+        m.release();
+        if (m.wait(0)) {
+            ADD_FAILURE() << "the releaser took back a mutex a thread slept on";
+            m.release();
+        }
+        sleeper.join();
+        EXPECT_TRUE(got.load());
+        EXPECT_TRUE(m.wait(0));  // free again after the sleeper's release
+        m.release();
+        EXPECT_EQ(0u, m.depth());
+    }
 }
