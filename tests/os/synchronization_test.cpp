@@ -150,10 +150,13 @@ TEST(Mutex, ReleaseHandsTheMutexToASleeper)
 {
     for (unsigned ms : {MT_INFINITE, 5000u}) {
         Probe_mutex m(true);
-        std::atomic<bool> got{false};
+        std::atomic<bool> got{false}, polled{false};
         std::thread sleeper([&] {
             if (m.wait(ms)) {
                 got = true;
+                // Held until the releaser has looked (bounded).
+                for (int i = 0; i < 2000 && !polled; ++i)
+                    std::this_thread::sleep_for(1ms);
                 m.release();
             }
         });
@@ -165,6 +168,7 @@ TEST(Mutex, ReleaseHandsTheMutexToASleeper)
             ADD_FAILURE() << "the releaser took back a mutex a thread slept on";
             m.release();
         }
+        polled = true;
         sleeper.join();
         EXPECT_TRUE(got.load());
         EXPECT_TRUE(m.wait(0));  // free again after the sleeper's release
