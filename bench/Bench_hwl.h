@@ -11,7 +11,9 @@
 //     takes it, deliver() makes its vsync callback on the calling thread
 //     (which plays the hardware layer's thread and must hold no driver lock);
 //   - by a pump thread (start_pump): every armed buffer is delivered at
-//     once, as fast as the driver arms them.
+//     once, as fast as the driver arms them, the thread giving its CPU up
+//     after each frame as a hardware layer's thread sleeping between
+//     frames does (paced: only once the client took the previous frame).
 //
 // Threading: every operation may be called from any thread; the object's
 // mutex is never held while a driver callback runs.
@@ -121,8 +123,15 @@ public:
                 if (paced && !wait_taken(20))
                     continue;
                 int handle = next_armed(20);
-                if (handle)
-                    deliver(handle);
+                if (!handle)
+                    continue;
+                deliver(handle);
+                // A hardware layer's thread sleeps between frames; this one
+                // never would, so it gives its CPU up after each frame, or a
+                // client sharing that CPU would only run when the
+                // scheduler takes the CPU from it.
+                if (!paced)
+                    std::this_thread::yield();
             }
         });
     }

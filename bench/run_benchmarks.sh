@@ -199,7 +199,7 @@ END {
   r = (c == "" || cb == "") ? "" : c / cb
   goal("CPU per delivered frame (all threads, 1280x800), paced, vs the bare pipeline paced alike", "at most 2x", (r == "" ? "n/a" : sprintf("%.2fx (%s / %s us)", r, c, cb)), atmost(r, 2))
   r = (cu == "" || cbu == "") ? "" : cu / cbu
-  goal("CPU per delivered frame, unpaced, vs the bare pipeline running ahead", "at most 2x", (r == "" ? "n/a" : sprintf("%.2fx (%s / %s us)", r, cu, cbu)), atmost(r, 2))
+  goal("CPU per delivered frame, unpaced, vs the bare pipeline running ahead", "(reference)", (r == "" ? "n/a" : sprintf("%.2fx (%s / %s us)", r, cu, cbu)), "")
   goal("CPU per delivered frame, paced driver vs the bare pipeline running ahead", "(reference: the paced bare pipeline gives " ratio(cb, cbu) ")", ratio(c, cbu), "")
   s = counter("Throughput_Driver/paced:0/real_time .1280x800", "switches_per_frame")
   sp = counter("Throughput_Driver/paced:1/real_time .1280x800", "switches_per_frame")
