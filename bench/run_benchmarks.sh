@@ -3,8 +3,9 @@
 # repeated (default 9 times) with the repetitions of a program interleaved
 # at random, so that the driver and its bare baselines share the machine's
 # moods; then runs the unpaced throughput in ten processes of its own (its
-# figure depends on which thread wins the monitor, so it is judged across
-# processes). Writes
+# figure depends on where the scheduler places the client and the pump,
+# which is settled once per process, so it is judged across processes).
+# Writes
 #   OUT_DIR/benchmarks.json   every repetition of every benchmark
 #   OUT_DIR/benchmarks.md     a short table: median, spread, counters, and
 #                             each goal beside its figure

@@ -250,7 +250,10 @@ void MT_Mutex_struct::release()
         // Still the owner: no thread can take the lock word meanwhile. A
         // blocked thread is either asleep (counted in sleepers) or waiting
         // for the guard to make its first attempt, which finds the lock
-        // word free.
+        // word free. Unlike an event's, this signal is sent under the
+        // guard: the sleeper that takes the mutex may give it up and let
+        // its owner destroy it at once, before a signal sent after the
+        // unlock would have been made.
         lock_guard();
         if (sleepers != 0) {
             owner.store(handed_off, std::memory_order_seq_cst);
